@@ -1,0 +1,28 @@
+# Settings shared by every target of the project: warnings, sanitizers and the
+# shared-library naming that gives each library its fixed SONAME.
+
+add_library(orvikm_build_flags INTERFACE)
+target_compile_options(orvikm_build_flags INTERFACE -Wall -Wextra -Wpedantic)
+if(ORVIKM_WERROR)
+    target_compile_options(orvikm_build_flags INTERFACE -Werror)
+endif()
+if(ORVIKM_SANITIZE)
+    target_compile_options(orvikm_build_flags INTERFACE
+        -fsanitize=${ORVIKM_SANITIZE} -fno-omit-frame-pointer)
+    target_link_options(orvikm_build_flags INTERFACE -fsanitize=${ORVIKM_SANITIZE})
+endif()
+install(TARGETS orvikm_build_flags EXPORT orvikmTargets)
+
+# orvikm_library(<target> <output-name>)
+# Names the shared library lib<output-name>.so.<version> with the SONAME
+# lib<output-name>.so.0, and exports it as orvikm::<target>.
+function(orvikm_library target output_name)
+    set_target_properties(${target} PROPERTIES
+        OUTPUT_NAME ${output_name}
+        VERSION ${PROJECT_VERSION}
+        SOVERSION 0
+        EXPORT_NAME ${target})
+    target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:orvikm_build_flags>)
+    target_compile_features(${target} PUBLIC cxx_std_17)
+    add_library(orvikm::${target} ALIAS ${target})
+endfunction()

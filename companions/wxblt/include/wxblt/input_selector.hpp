@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include <wxblt/socket.hpp>
+
+namespace wxblt {
+
+// Waits for input on a fixed set of sockets and hands each socket that has
+// some to its handler. The sockets are pointed at, not owned; they must
+// outlive the selector.
+class InputSelector {
+public:
+    using Handler = std::function<void(Socket*)>;
+
+    explicit InputSelector(std::vector<std::pair<Socket*, Handler>> entries);
+    ~InputSelector();
+
+    // Waits at most `timeout` for input on any socket (a negative timeout
+    // waits until there is some). Then calls the handler of every socket that
+    // has input, in the order given at construction, and returns true; returns
+    // false when the time passed without input. A handler's exception passes
+    // out unchanged. Throws ZmqTermination once the context is shut down.
+    bool run(std::chrono::duration<long, std::milli> timeout);
+
+private:
+    std::vector<std::pair<Socket*, Handler>> _entries;
+};
+
+}  // namespace wxblt

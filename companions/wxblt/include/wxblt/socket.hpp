@@ -1,0 +1,77 @@
+#pragma once
+
+#include <string>
+
+namespace wxblt {
+
+// ZeroMQ's socket types, with ZeroMQ's values.
+enum class SocketType : int {
+    Pair = 0,
+    Pub = 1,
+    Sub = 2,
+    Req = 3,
+    Rep = 4,
+    Dealer = 5,
+    Router = 6
+};
+
+// One ZeroMQ socket of the process-wide context. Every failure throws
+// wxblt::Exception (ZmqTermination once the context is shut down).
+//
+// Sending never waits for long and never queues for a peer that is not there:
+// a frame that cannot be handed to a connected peer within about 100 ms fails
+// with EAGAIN (11). The first 100 ms after connect() are thus enough for a
+// connection to a running peer to be set up before it is reported missing.
+// Frames still unsent when a socket is closed are kept for at most one second
+// and never hold up the process's exit.
+class Socket {
+public:
+    explicit Socket(SocketType type);
+    Socket(Socket&& other) noexcept;
+    Socket& operator=(Socket&& other) noexcept;
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    ~Socket();
+
+    SocketType type() const noexcept { return _type; }
+
+    // Routing identity presented to the peer; set it before connect().
+    void setIdentity(const std::string& identity);
+    // Adds a subscription prefix (subscriber sockets only).
+    void subscribe(std::string topic);
+    void connect(std::string endpoint);
+    void bind(const std::string& endpoint);
+    // The endpoint actually bound last, with the port the system chose for a
+    // bind to port 0, for example "tcp://127.0.0.1:41234".
+    std::string lastEndpoint() const;
+
+    // Queues one frame of the current outgoing message; more=false ends the
+    // message. The bytes are copied before the call returns.
+    void send(const char* data, unsigned size, bool more);
+    void send(const std::string& frame, bool more);
+
+    // Receives the next frame into buffer, blocking until one is there. Writes
+    // at most size bytes and returns the frame's real length, which is larger
+    // than size when the frame did not fit.
+    unsigned recv(char* buffer, unsigned size);
+    // True when the message being read has another frame after the last one
+    // received.
+    bool checkMore() const;
+    // Drops the rest of the message being read, so that the next recv() reads
+    // the first frame of the next message.
+    void flushMessage();
+
+    // True when a frame can be received without blocking.
+    bool hasInput() const;
+
+    // The underlying ZeroMQ socket, for polling.
+    void* handle() const noexcept { return _handle; }
+
+private:
+    void close() noexcept;
+
+    void* _handle;
+    SocketType _type;
+};
+
+}  // namespace wxblt

@@ -1,0 +1,6 @@
+#pragma once
+
+// The socket layer over ZeroMQ: sockets, polling, errors and shutdown.
+#include <wxblt/exception.hpp>
+#include <wxblt/input_selector.hpp>
+#include <wxblt/socket.hpp>

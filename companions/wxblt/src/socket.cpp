@@ -1,0 +1,171 @@
+#include <wxblt/socket.hpp>
+
+#include <zmq.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include <wxblt/exception.hpp>
+
+#include "context.hpp"
+
+namespace wxblt {
+
+namespace {
+
+// ZMQ_IMMEDIATE keeps a socket from queueing for a peer that is not there, and
+// the send timeout lets a connection that is still being set up finish first.
+constexpr int send_timeout_ms = 100;
+// Long enough for a last acknowledgement to leave, short enough that closing
+// never holds anything up for long.
+constexpr int linger_ms = 1000;
+
+void setOption(void* handle, int option, const void* value, size_t size) {
+    if (zmq_setsockopt(handle, option, value, size) != 0) {
+        detail::throwLastError();
+    }
+}
+
+void setIntOption(void* handle, int option, int value) {
+    setOption(handle, option, &value, sizeof value);
+}
+
+}  // namespace
+
+Socket::Socket(SocketType type)
+    : _handle(zmq_socket(detail::context(), static_cast<int>(type))), _type(type) {
+    if (_handle == nullptr) {
+        detail::throwLastError();
+    }
+    try {
+        setIntOption(_handle, ZMQ_LINGER, linger_ms);
+        setIntOption(_handle, ZMQ_SNDTIMEO, send_timeout_ms);
+        setIntOption(_handle, ZMQ_IMMEDIATE, 1);
+    } catch (...) {
+        close();
+        throw;
+    }
+}
+
+Socket::Socket(Socket&& other) noexcept
+    : _handle(std::exchange(other._handle, nullptr)), _type(other._type) {}
+
+Socket& Socket::operator=(Socket&& other) noexcept {
+    if (this != &other) {
+        close();
+        _handle = std::exchange(other._handle, nullptr);
+        _type = other._type;
+    }
+    return *this;
+}
+
+Socket::~Socket() {
+    close();
+}
+
+void Socket::close() noexcept {
+    if (_handle != nullptr) {
+        zmq_close(_handle);
+        _handle = nullptr;
+    }
+}
+
+void Socket::setIdentity(const std::string& identity) {
+    setOption(_handle, ZMQ_ROUTING_ID, identity.data(), identity.size());
+}
+
+void Socket::subscribe(std::string topic) {
+    setOption(_handle, ZMQ_SUBSCRIBE, topic.data(), topic.size());
+}
+
+void Socket::connect(std::string endpoint) {
+    if (zmq_connect(_handle, endpoint.c_str()) != 0) {
+        detail::throwLastError();
+    }
+}
+
+void Socket::bind(const std::string& endpoint) {
+    if (zmq_bind(_handle, endpoint.c_str()) != 0) {
+        detail::throwLastError();
+    }
+}
+
+std::string Socket::lastEndpoint() const {
+    char endpoint[1024];
+    size_t size = sizeof endpoint;
+    if (zmq_getsockopt(_handle, ZMQ_LAST_ENDPOINT, endpoint, &size) != 0) {
+        detail::throwLastError();
+    }
+    // The size counts the terminating zero.
+    return std::string(endpoint, size > 0 ? size - 1 : 0);
+}
+
+void Socket::send(const char* data, unsigned size, bool more) {
+    const int flags = more ? ZMQ_SNDMORE : 0;
+    while (zmq_send(_handle, data, size, flags) < 0) {
+        if (zmq_errno() != EINTR) {
+            detail::throwLastError();
+        }
+    }
+}
+
+void Socket::send(const std::string& frame, bool more) {
+    send(frame.data(), static_cast<unsigned>(frame.size()), more);
+}
+
+unsigned Socket::recv(char* buffer, unsigned size) {
+    zmq_msg_t frame;
+    zmq_msg_init(&frame);
+    while (zmq_msg_recv(&frame, _handle, 0) < 0) {
+        const int error = zmq_errno();
+        if (error != EINTR) {
+            zmq_msg_close(&frame);
+            detail::throwError(error);
+        }
+    }
+    // zmq_msg_size is a size_t, so frames beyond 2 GiB still report their
+    // real length (which zmq_recv's int cannot).
+    const std::size_t length = zmq_msg_size(&frame);
+    const std::size_t copied = length < size ? length : size;
+    if (copied > 0) {
+        std::memcpy(buffer, zmq_msg_data(&frame), copied);
+    }
+    zmq_msg_close(&frame);
+    return length > std::numeric_limits<unsigned>::max() ? std::numeric_limits<unsigned>::max()
+                                                         : static_cast<unsigned>(length);
+}
+
+bool Socket::checkMore() const {
+    int more = 0;
+    size_t size = sizeof more;
+    if (zmq_getsockopt(_handle, ZMQ_RCVMORE, &more, &size) != 0) {
+        detail::throwLastError();
+    }
+    return more != 0;
+}
+
+void Socket::flushMessage() {
+    zmq_msg_t part;
+    zmq_msg_init(&part);
+    while (checkMore()) {
+        if (zmq_msg_recv(&part, _handle, 0) < 0 && zmq_errno() != EINTR) {
+            const int error = zmq_errno();
+            zmq_msg_close(&part);
+            detail::throwError(error);
+        }
+    }
+    zmq_msg_close(&part);
+}
+
+bool Socket::hasInput() const {
+    int events = 0;
+    size_t size = sizeof events;
+    if (zmq_getsockopt(_handle, ZMQ_EVENTS, &events, &size) != 0) {
+        detail::throwLastError();
+    }
+    return (events & ZMQ_POLLIN) != 0;
+}
+
+}  // namespace wxblt
