@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include <orvikm/payload.hpp>
+#include <orvikm/request.hpp>
+
+namespace wxblt {
+class Socket;
+}
+
+namespace orvikm {
+
+// Reads one whole request at a time from a socket, checks its frame layout and
+// builds the request object that its command names ("MSG", "REG", "BOX",
+// "ACK", "GREG"). Every frame but the payload must fit in 100 bytes.
+//
+// A request that breaks the layout fails with ProtocolError (or another error
+// of the orviku family), carrying context lines, innermost first, and the
+// outermost "While trying to decode a received request (NAME)". The rest of
+// that request's frames are then dropped, so the next receive() reads the next
+// request. A "p_size" that is no number is the exception: std::invalid_argument
+// or std::out_of_range leave as they are, unflushed.
+//
+// Does not own the socket.
+class Receiver {
+public:
+    // Largest frame, other than a payload, that a request may hold.
+    static constexpr unsigned _frame_capacity = 100;
+
+    explicit Receiver(wxblt::Socket* socket);
+    Receiver(Receiver&& other) noexcept;
+    virtual ~Receiver();
+
+    // Reads one request; never returns an empty pointer.
+    std::unique_ptr<internal_objects::Request> receive();
+
+    // Reads the next frame into the frame buffer. A frame longer than 100
+    // bytes is refused with ProtocolError.
+    void readFrame();
+    // True when the last frame read is exactly one zero byte.
+    bool is_delimiter_frame() const;
+    // Throws ProtocolError "Expected more frames. Next section: " + section
+    // when the last frame read was the request's last. Reads nothing.
+    void expectMore(std::string section);
+
+    std::list<std::string> receive_routes();
+    std::string receive_command();
+    internal_objects::HeaderMap receive_headers();
+    // Takes "p_size" and "p_type" out of the headers and reads the payload
+    // frame, which must be the request's last and hold at least "p_size"
+    // bytes (more are cut off).
+    std::unique_ptr<Payload> receive_payload(internal_objects::HeaderMap& headers);
+    void receive_termination();
+
+private:
+    void readFrame(const char* section);
+
+    wxblt::Socket* socket;
+    char frame[_frame_capacity];
+    std::uint32_t frameSize;
+};
+
+}  // namespace orvikm

@@ -1,0 +1,209 @@
+#include <orvikm/receiver.hpp>
+
+#include <string>
+#include <utility>
+
+#include <orvikm/control_requests.hpp>
+#include <orvikm/errors.hpp>
+#include <orvikm/message.hpp>
+#include <orvikm/payload_request.hpp>
+#include <orvikm/registry.hpp>
+#include <wxblt/socket.hpp>
+
+namespace orvikm {
+
+using internal_objects::HeaderMap;
+using internal_objects::PayloadRequest;
+using internal_objects::Request;
+
+Receiver::Receiver(wxblt::Socket* socket) : socket(socket), frame{}, frameSize(0) {}
+
+Receiver::Receiver(Receiver&& other) noexcept
+    : socket(std::exchange(other.socket, nullptr)),
+      frame{},
+      frameSize(std::exchange(other.frameSize, 0)) {}
+
+Receiver::~Receiver() = default;
+
+std::unique_ptr<Request> Receiver::receive() {
+    std::string command;
+    try {
+        std::list<std::string> routes = receive_routes();
+        command = receive_command();
+        HeaderMap headers;
+        try {
+            headers = receive_headers();
+        } catch (orviku::Exception& error) {
+            error.addContext("While trying to receive protocol headers of request");
+            throw;
+        }
+        if (command == Message::_wire_name) {
+            std::unique_ptr<Payload> payload = receive_payload(headers);
+            return std::make_unique<Message>(std::move(*payload), std::move(routes), headers);
+        }
+        if (command == Registry::_wire_name) {
+            std::unique_ptr<Payload> payload = receive_payload(headers);
+            return std::make_unique<Registry>(std::move(*payload), headers);
+        }
+        if (command == internal_objects::Inbox::_wire_name) {
+            receive_termination();
+            return std::make_unique<internal_objects::Inbox>(headers);
+        }
+        if (command == internal_objects::Ack::_wire_name) {
+            receive_termination();
+            return std::make_unique<internal_objects::Ack>(headers);
+        }
+        if (command == internal_objects::GetRegistry::_wire_name) {
+            receive_termination();
+            return std::make_unique<internal_objects::GetRegistry>(headers);
+        }
+        throw ProtocolError("Unrecognised command name: " + command);
+    } catch (orviku::Exception& error) {
+        std::string context = "While trying to decode a received request";
+        if (!command.empty()) {
+            context += " (" + command + ")";
+        }
+        error.addContext(std::move(context));
+        socket->flushMessage();
+        throw;
+    }
+}
+
+void Receiver::readFrame() {
+    readFrame(nullptr);
+}
+
+void Receiver::readFrame(const char* section) {
+    frameSize = socket->recv(frame, _frame_capacity);
+    if (frameSize > _frame_capacity) {
+        std::string message = "Frame too long";
+        if (section != nullptr) {
+            message += " in section ";
+            message += section;
+        }
+        message += ": " + std::to_string(frameSize) + " bytes, at most " +
+                   std::to_string(_frame_capacity) + " are allowed outside the payload";
+        throw ProtocolError(std::move(message));
+    }
+}
+
+bool Receiver::is_delimiter_frame() const {
+    return frameSize == 1 && frame[0] == 0;
+}
+
+void Receiver::expectMore(std::string section) {
+    if (!socket->checkMore()) {
+        throw ProtocolError("Expected more frames. Next section: " + section);
+    }
+}
+
+std::list<std::string> Receiver::receive_routes() {
+    try {
+        std::list<std::string> routes;
+        readFrame("Routes");
+        while (!is_delimiter_frame()) {
+            routes.emplace_back(frame, frameSize);
+            expectMore("Route delimiter frame");
+            readFrame("Routes");
+        }
+        return routes;
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to receive routes of request");
+        throw;
+    }
+}
+
+std::string Receiver::receive_command() {
+    expectMore("Request/Command name");
+    readFrame("Request/Command name");
+    return std::string(frame, frameSize);
+}
+
+HeaderMap Receiver::receive_headers() {
+    try {
+        HeaderMap headers;
+        expectMore("Headers");
+        readFrame("Headers");
+        while (!is_delimiter_frame()) {
+            // Like a search in a zero-terminated string, but never past the
+            // frame's end: a zero byte before any separator means there is none.
+            std::uint32_t separator = 0;
+            while (separator < frameSize && frame[separator] != 0 &&
+                   frame[separator] != Request::_hdr_sep) {
+                ++separator;
+            }
+            if (separator == frameSize || frame[separator] != Request::_hdr_sep) {
+                std::string message = "Headers formatted incorrectly in request. No \"";
+                message += Request::_hdr_sep;
+                message += "\" found in \"";
+                message.append(frame, frameSize);
+                message += '"';
+                throw ProtocolError(std::move(message));
+            }
+            frame[separator] = 0;
+            headers.insert_or_assign(std::string(frame, separator),
+                                     std::string(frame + separator + 1, frameSize - separator - 1));
+            expectMore("Header delimiter");
+            readFrame("Headers");
+        }
+        return headers;
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to receive headers");
+        throw;
+    }
+}
+
+namespace {
+
+std::string take_payload_header(HeaderMap& headers, const char* key) {
+    const auto entry = headers.find(key);
+    if (entry == headers.end()) {
+        throw ProtocolError(
+            std::string("Payload detected but provided protocol headers have missing key. "
+                        "Missing key is: ") +
+            key);
+    }
+    std::string value = std::move(entry->second);
+    headers.erase(entry);
+    return value;
+}
+
+}  // namespace
+
+std::unique_ptr<Payload> Receiver::receive_payload(HeaderMap& headers) {
+    try {
+        expectMore("Payload");
+        const unsigned long long declared =
+            std::stoull(take_payload_header(headers, PayloadRequest::_payload_sz_hdr_key));
+        std::string type = take_payload_header(headers, PayloadRequest::_payload_type_hdr_key);
+        auto payload = std::make_unique<Payload>(static_cast<unsigned>(declared), std::move(type));
+        const unsigned received = socket->recv(payload->getBuffer(), payload->size());
+        if (received < payload->size()) {
+            throw ProtocolError("Payload frame holds " + std::to_string(received) +
+                                " bytes but \"p_size\" declares " +
+                                std::to_string(payload->size()));
+        }
+        if (socket->checkMore()) {
+            throw ProtocolError("We don't expect more frames after the payload");
+        }
+        return payload;
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to receive payload");
+        throw;
+    }
+}
+
+void Receiver::receive_termination() {
+    try {
+        expectMore("Termination frame");
+        readFrame("Termination frame");
+        if (!is_delimiter_frame()) {
+            throw ProtocolError("Expected a delimiter frame for termination");
+        }
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to receive termination delimiter");
+        throw;
+    }
+}
+
+}  // namespace orvikm
