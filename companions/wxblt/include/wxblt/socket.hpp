@@ -61,6 +61,15 @@ public:
     // the first frame of the next message.
     void flushMessage();
 
+    // Queue limits in messages (0: none). ZeroMQ's default is 1000 each way;
+    // beyond it a sending socket waits (and then fails with EAGAIN), a ROUTER
+    // or PUB drops. Set them before bind() or connect().
+    void setSendHighWaterMark(int messages);
+    void setReceiveHighWaterMark(int messages);
+    // ROUTER only: a send to an unknown peer fails with EHOSTUNREACH instead
+    // of being dropped silently.
+    void setRouterMandatory(bool mandatory);
+
     // True when a frame can be received without blocking.
     bool hasInput() const;
 
