@@ -29,6 +29,9 @@ void Exception::throwWithContext(std::string context) {
         }
     }
     raise();
+    // raise() always throws; compilers do not carry [[noreturn]] through a
+    // virtual call.
+    std::terminate();
 }
 
 std::string Exception::describe() const {
