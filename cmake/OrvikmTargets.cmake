@@ -8,7 +8,7 @@ if(ORVIKM_WERROR)
 endif()
 if(ORVIKM_SANITIZE)
     target_compile_options(orvikm_build_flags INTERFACE
-        -fsanitize=${ORVIKM_SANITIZE} -fno-omit-frame-pointer)
+        -fsanitize=${ORVIKM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(orvikm_build_flags INTERFACE -fsanitize=${ORVIKM_SANITIZE})
 endif()
 install(TARGETS orvikm_build_flags EXPORT orvikmTargets)

@@ -54,6 +54,8 @@ public:
     // frame, which must be the request's last and hold at least "p_size"
     // bytes (more are cut off).
     std::unique_ptr<Payload> receive_payload(internal_objects::HeaderMap& headers);
+    // Reads the closing delimiter of a request without payload. Frames after
+    // it are dropped unread, without error.
     void receive_termination();
 
 private:

@@ -1,5 +1,6 @@
 #include <orvikm/receiver.hpp>
 
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -176,12 +177,17 @@ std::unique_ptr<Payload> Receiver::receive_payload(HeaderMap& headers) {
         const unsigned long long declared =
             std::stoull(take_payload_header(headers, PayloadRequest::_payload_sz_hdr_key));
         std::string type = take_payload_header(headers, PayloadRequest::_payload_type_hdr_key);
-        auto payload = std::make_unique<Payload>(static_cast<unsigned>(declared), std::move(type));
-        const unsigned received = socket->recv(payload->getBuffer(), payload->size());
-        if (received < payload->size()) {
-            throw ProtocolError("Payload frame holds " + std::to_string(received) +
-                                " bytes but \"p_size\" declares " +
-                                std::to_string(payload->size()));
+        // The frame is taken whole before anything is allocated, so a declared
+        // size is never trusted beyond the bytes that really arrived.
+        const wxblt::Frame body = socket->recvFrame();
+        const auto size = static_cast<unsigned>(declared);
+        if (body.size() < size) {
+            throw ProtocolError("Payload frame holds " + std::to_string(body.size()) +
+                                " bytes but \"p_size\" declares " + std::to_string(size));
+        }
+        auto payload = std::make_unique<Payload>(size, std::move(type));
+        if (payload->size() > 0) {
+            std::memcpy(payload->getBuffer(), body.data(), payload->size());
         }
         if (socket->checkMore()) {
             throw ProtocolError("We don't expect more frames after the payload");
@@ -200,6 +206,9 @@ void Receiver::receive_termination() {
         if (!is_delimiter_frame()) {
             throw ProtocolError("Expected a delimiter frame for termination");
         }
+        // Frames after the termination are not an error, but left unread they
+        // would be taken for the next request.
+        socket->flushMessage();
     } catch (orviku::Exception& error) {
         error.addContext("While trying to receive termination delimiter");
         throw;

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include <wxblt/frame.hpp>
+
 namespace wxblt {
 
 // ZeroMQ's socket types, with ZeroMQ's values.
@@ -54,6 +56,9 @@ public:
     // at most size bytes and returns the frame's real length, which is larger
     // than size when the frame did not fit.
     unsigned recv(char* buffer, unsigned size);
+    // Receives the next frame whole, blocking until one is there, so that its
+    // length can be checked before it is copied anywhere.
+    Frame recvFrame();
     // True when the message being read has another frame after the last one
     // received.
     bool checkMore() const;
