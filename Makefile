@@ -3,8 +3,10 @@
 BUILD_DIR ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
+FUZZ_SECONDS ?= 600
 
-.PHONY: all deps configure build test demo clean
+.PHONY: all deps configure build test demo test-asan test-tsan fuzz clean
 
 all: build
 
@@ -18,10 +20,28 @@ build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 test: build
-	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
+	cd $(BUILD_DIR) && ctest $(CTEST_FLAGS)
 
 demo: build
 	scripts/demo.sh $(BUILD_DIR)
 
+# The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer (with
+# leak detection), and under ThreadSanitizer.
+test-asan: deps
+	cmake -S . -B build-asan -DORVIKM_SANITIZE=address,undefined $(CMAKE_FLAGS)
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
+
+test-tsan: deps
+	cmake -S . -B build-tsan -DORVIKM_SANITIZE=thread $(CMAKE_FLAGS)
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
+
+# Each fuzz target for FUZZ_SECONDS (default 600).
+fuzz: build
+	scripts/fuzz.sh $(BUILD_DIR)/fuzz-build receiver $(FUZZ_SECONDS)
+	scripts/fuzz.sh $(BUILD_DIR)/fuzz-build headers $(FUZZ_SECONDS)
+
 clean:
-	rm -rf $(BUILD_DIR)
+	rm -rf $(BUILD_DIR) build-asan build-tsan
