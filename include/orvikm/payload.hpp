@@ -33,11 +33,11 @@ public:
     Payload& operator=(const Payload& other);
     // Takes other's buffer, callback and type without copying bytes. other is
     // left with a null buffer, no callback and an empty type, but keeps size().
-    Payload(Payload&& other);
+    Payload(Payload&& other) noexcept;
     // Takes other's buffer and callback and swaps the type labels. The
     // previous buffer is not released; other is left with a null buffer, no
     // callback and its size.
-    Payload& operator=(Payload&& other);
+    Payload& operator=(Payload&& other) noexcept;
 
     // Calls the free callback, if set, with the buffer.
     virtual ~Payload();

@@ -47,7 +47,7 @@ Payload& Payload::operator=(const Payload& other) {
     return *this;
 }
 
-Payload::Payload(Payload&& other)
+Payload::Payload(Payload&& other) noexcept
     : _buffer(std::exchange(other._buffer, nullptr)),
       _free_callback(std::move(other._free_callback)),
       _size(other._size),
@@ -56,7 +56,7 @@ Payload::Payload(Payload&& other)
     other._type.clear();
 }
 
-Payload& Payload::operator=(Payload&& other) {
+Payload& Payload::operator=(Payload&& other) noexcept {
     _buffer = std::exchange(other._buffer, nullptr);
     _free_callback = std::move(other._free_callback);
     other._free_callback = nullptr;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -218,8 +219,6 @@ Context contextOf(const std::exception_ptr& thrown) {
 std::exception_ptr decodingErrorOf(HeaderMap headers) {
     return thrownBy([&headers] { receive(std::move(headers)); });
 }
-
-}  // namespace
 
 TEST(MessageTest, WireNameIsMSG) {
     EXPECT_EQ(kWireName, Message::_wire_name);
@@ -877,3 +876,12 @@ TEST(MessageTest, RoundTripOfAMessageWithoutOriginNodesKeepsTheListEmpty) {
 
     EXPECT_TRUE(received.originNodes().empty());
 }
+
+// The queue moves messages while it reorders them; a move that could throw
+// would make containers copy, and a copy gets a new id.
+TEST(MessageTest, MovesNeverThrow) {
+    EXPECT_TRUE(std::is_nothrow_move_constructible_v<Message>);
+    EXPECT_TRUE(std::is_nothrow_move_assignable_v<Message>);
+}
+
+}  // namespace
