@@ -75,6 +75,19 @@ std::string oneLine(const std::string& text) {
     return line;
 }
 
+// Errors outside the orviku family mostly come from the standard conversions of
+// numeric header values ("p_size", "valid_for"), and their text names only the
+// conversion, such as "stoull": the log says what was wrong with the value.
+std::string describeForeign(const std::exception& error) {
+    if (dynamic_cast<const std::invalid_argument*>(&error) != nullptr) {
+        return std::string("a numeric header holds no number (") + error.what() + ")";
+    }
+    if (dynamic_cast<const std::out_of_range*>(&error) != nullptr) {
+        return std::string("a numeric header holds a number out of range (") + error.what() + ")";
+    }
+    return error.what();
+}
+
 std::string readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
@@ -133,7 +146,7 @@ void DevNode::serveOne() {
     } catch (const std::exception& error) {
         // Errors outside the orviku family leave the rest of the request unread.
         _router.flushMessage();
-        logLine("malformed request from " + printable(sender) + ": " + error.what());
+        logLine("malformed request from " + printable(sender) + ": " + describeForeign(error));
         return;
     }
 
@@ -183,8 +196,21 @@ void DevNode::handleMessage(const std::string& sender, const orvikm::Message& me
 }
 
 void DevNode::answerRegistry(const std::string& sender) {
-    const std::string body =
-        _options.registryFile ? readFile(*_options.registryFile) : registryDocument();
+    std::string body;
+    if (_options.registryFile) {
+        // Read at every request, so that edits show at once. A file that has
+        // gone or become unreadable since the start (an editor replacing it,
+        // say) costs this one answer, not the node.
+        try {
+            body = readFile(*_options.registryFile);
+        } catch (const std::exception& error) {
+            logLine("registry request of " + printable(sender) +
+                    " left unanswered: " + error.what());
+            return;
+        }
+    } else {
+        body = registryDocument();
+    }
     orvikm::Payload payload(static_cast<unsigned>(body.size()), "json");
     if (!body.empty()) {
         std::memcpy(payload.getBuffer(), body.data(), body.size());

@@ -28,7 +28,8 @@ struct DevNodeOptions {
 //   with the route as topic frame; without routes it is only acknowledged.
 // - "GREG" is answered with a "REG" holding the registry: the applications
 //   seen (by inbox checks and messages) with when each was last seen, as JSON,
-//   or the bytes of the registry file.
+//   or the bytes of the registry file, read at every request; while the file
+//   cannot be read, requests are logged and left unanswered.
 // - "BOX" is recorded; nothing else is answered.
 // - A malformed request is logged with its sender and skipped.
 //

@@ -32,7 +32,9 @@ tcp://localhost.
                           (default 0: a free port)
   --registry FILE         answer registry requests with the bytes of FILE
                           (payload type "json") instead of the list of
-                          applications seen
+                          applications seen; FILE is read at every request,
+                          and a request that finds it unreadable is logged
+                          and left unanswered
   --verbose               log one line per request
   --help                  show this text
 

@@ -1,0 +1,121 @@
+#include <chrono>
+#include <csignal>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <orvikm/client.hpp>
+
+#include "client_harness.hpp"
+#include "devnode_fixture.hpp"
+#include "devnode_process.hpp"
+
+// How the program starts and ends: its command line, its exit statuses and
+// its clean stop on SIGINT and SIGTERM.
+namespace devnodetest {
+namespace {
+
+using orvikm::Client;
+
+constexpr auto kExitLimit = 10s;
+const std::string kUsageStart = "Usage: orvik-devnode ";
+const std::string kBadArguments = "orvik-devnode: bad arguments (";
+const std::string kReadyLine = "orvik-devnode ready: ";
+const std::string kStoppedLine = "orvik-devnode stopped";
+const std::string kMissingRegistry = "/nonexistent/orvik-devnode-registry.json";
+constexpr int kBadArgumentsStatus = 2;
+
+TEST(DevNodeCommandLineTest, HelpPrintsUsageAndExitsWithZero) {
+    DevNodeProcess node({"--help"});
+
+    const std::optional<ExitStatus> status = node.waitForExit(kExitLimit);
+
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 0);
+    EXPECT_EQ(node.standardOutput().rfind(kUsageStart, 0), 0u) << node.standardOutput();
+    EXPECT_EQ(node.standardError(), "");
+}
+
+struct BadArguments {
+    std::string name;
+    std::vector<std::string> arguments;
+};
+
+void PrintTo(const BadArguments& bad, std::ostream* out) {
+    *out << bad.name;
+}
+
+class DevNodeBadArgumentsTest : public ::testing::TestWithParam<BadArguments> {};
+
+TEST_P(DevNodeBadArgumentsTest, ExitWithStatusTwoAndUsageOnStandardError) {
+    DevNodeProcess node(GetParam().arguments);
+
+    const std::optional<ExitStatus> status = node.waitForExit(kExitLimit);
+
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, kBadArgumentsStatus);
+    EXPECT_EQ(node.standardError().rfind(kBadArguments, 0), 0u) << node.standardError();
+    EXPECT_NE(node.standardError().find(kUsageStart), std::string::npos) << node.standardError();
+    EXPECT_EQ(node.standardOutput(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Arguments, DevNodeBadArgumentsTest,
+    ::testing::Values(BadArguments{"UnknownOption", {"--bogus"}},
+                      BadArguments{"OptionWithoutValue", {"--listener-port"}},
+                      BadArguments{"PortThatIsNoNumber", {"--dispenser-port", "abc"}},
+                      BadArguments{"PortWithTrailingText", {"--listener-port", "12x"}},
+                      BadArguments{"PortAboveRange", {"--listener-port", "65536"}},
+                      BadArguments{"NegativePort", {"--dispenser-port", "-1"}},
+                      BadArguments{"PortBeyondInt", {"--listener-port", "99999999999"}},
+                      BadArguments{"RegistryWithoutFile", {"--registry"}}),
+    [](const ::testing::TestParamInfo<BadArguments>& info) { return info.param.name; });
+
+TEST(DevNodeCommandLineTest, UnreadableRegistryFileEndsTheStartWithStatusOne) {
+    DevNodeProcess node(
+        {"--listener-port", "0", "--dispenser-port", "0", "--registry", kMissingRegistry});
+
+    const std::optional<ExitStatus> status = node.waitForExit(kExitLimit);
+
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 1);
+    EXPECT_NE(node.standardError().find(kMissingRegistry), std::string::npos)
+        << node.standardError();
+    EXPECT_EQ(node.standardOutput().find(kReadyLine), std::string::npos);
+}
+
+class DevNodeStopSignalTest : public DevNodeTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(DevNodeStopSignalTest, StopsTheNodeCleanlyWithStatusZero) {
+    // A client that has been served and is still connected.
+    Recorder<std::string> acks;
+    Client client("stop-client", listenerPort(), dispenserPort(), {"t"});
+    sendMessage(client, "before the stop", {"t"}, &acks);
+    ClientLoop loop(client);
+    ASSERT_TRUE(acks.waitForCount(1, kEventLimit));
+
+    node().sendSignal(GetParam());
+    const std::optional<ExitStatus> status = node().waitForExit(kExitLimit);
+
+    ASSERT_TRUE(status.has_value()) << "still running " << kExitLimit.count() << " s after signal";
+    EXPECT_TRUE(status->exited) << "killed by signal " << status->signal;
+    EXPECT_EQ(status->code, 0);
+    const std::vector<std::string> lines = node().outputLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), kStoppedLine);
+    EXPECT_EQ(node().standardError(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, DevNodeStopSignalTest, ::testing::Values(SIGTERM, SIGINT),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                             return std::string(info.param == SIGTERM ? "Sigterm" : "Sigint");
+                         });
+
+}  // namespace
+}  // namespace devnodetest
