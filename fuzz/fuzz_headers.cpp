@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <orvikm/orvikm.hpp>
 
@@ -71,10 +72,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 encoded.erase("p_size");
                 encoded.erase("p_type");
                 const orvikm::Message again(orvikm::Payload(0, ""), {"route"}, encoded);
+                // One empty origin name encodes as ",", which is also how no
+                // names at all are written: that list alone cannot survive.
+                const bool ambiguousOrigin = message.originNodes() == std::vector<std::string>{""};
                 check(again.msgId() == message.msgId() && again.appId() == message.appId() &&
                           again.validFor() == message.validFor() &&
                           again.ackMode() == message.ackMode() &&
-                          again.originNodes() == message.originNodes(),
+                          (ambiguousOrigin ? again.originNodes().empty()
+                                           : again.originNodes() == message.originNodes()),
                       "a decoded Message does not round-trip");
                 break;
             }

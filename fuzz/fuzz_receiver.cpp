@@ -50,7 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     try {
-        const std::unique_ptr<orvikm::internal_objects::Request> request = sockets.receiver.receive();
+        const std::unique_ptr<orvikm::internal_objects::Request> request =
+            sockets.receiver.receive();
         check(request != nullptr, "receive() returned an empty pointer");
         request->create_protocol_headers();
     } catch (const orviku::Exception&) {

@@ -2,6 +2,8 @@
 
 #include <zmq.h>
 
+#include <stdexcept>
+
 namespace testsupport {
 
 std::string delimiter() {
@@ -135,6 +137,37 @@ bool TestNode::waitForSubscription(const std::string& topic, std::chrono::millis
             return true;
         }
     }
+}
+
+namespace {
+
+int bindLoopbackPort(RawPeer& peer, int port) {
+    const std::string endpoint = "tcp://127.0.0.1:" + std::to_string(port);
+    if (zmq_bind(peer.handle(), endpoint.c_str()) != 0) {
+        throw std::runtime_error("zmq_bind " + endpoint + ": " + zmq_strerror(zmq_errno()));
+    }
+    return port;
+}
+
+}  // namespace
+
+TestNode::TestNode(int listenerPort, int dispenserPort)
+    : _publisher(ZMQ_XPUB),
+      _router(ZMQ_ROUTER),
+      _listener_port(bindLoopbackPort(_publisher, listenerPort)),
+      _dispenser_port(bindLoopbackPort(_router, dispenserPort)) {
+    _router.setIntOption(ZMQ_ROUTER_MANDATORY, 1);
+}
+
+bool TestNode::waitForDispenserPeer(std::chrono::milliseconds timeout) {
+    // A router that must not drop unroutable replies reports room to write
+    // only once some peer's connection is complete.
+    zmq_pollitem_t item{_router.handle(), 0, ZMQ_POLLOUT, 0};
+    const int ready = zmq_poll(&item, 1, static_cast<long>(timeout.count()));
+    if (ready < 0) {
+        throw std::runtime_error(std::string("zmq_poll: ") + zmq_strerror(zmq_errno()));
+    }
+    return ready > 0;
 }
 
 }  // namespace testsupport

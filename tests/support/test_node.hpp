@@ -63,6 +63,13 @@ public:
     // Waits until a listener has subscribed to `topic`.
     bool waitForSubscription(const std::string& topic, std::chrono::milliseconds timeout = 5s);
 
+    // A node on the given loopback ports: a client that was connected to them
+    // while nothing listened finds this node when it next reconnects.
+    TestNode(int listenerPort, int dispenserPort);
+    // Waits until a client's dispenser has connected, so that the node can
+    // route to it and the client's next write reaches the node.
+    bool waitForDispenserPeer(std::chrono::milliseconds timeout = 5s);
+
 private:
     RawPeer _publisher;
     RawPeer _router;

@@ -13,4 +13,7 @@ void* context();
 // Throws for the current errno.
 [[noreturn]] void throwLastError();
 
+// Throws ZmqTermination once shutdown() has been called.
+void throwIfShutDown();
+
 }  // namespace wxblt::detail

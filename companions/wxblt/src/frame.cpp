@@ -55,6 +55,7 @@ void* Frame::message() {
 }
 
 Frame Socket::recvFrame() {
+    detail::throwIfShutDown();
     Frame frame;
     while (zmq_msg_recv(asMessage(frame.message()), _handle, 0) < 0) {
         const int error = zmq_errno();

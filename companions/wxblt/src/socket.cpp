@@ -16,8 +16,9 @@ namespace wxblt {
 namespace {
 
 // ZMQ_IMMEDIATE keeps a socket from queueing for a peer that is not there, and
-// the send timeout lets a connection that is still being set up finish first.
-constexpr int send_timeout_ms = 100;
+// the send timeout lets a connection that is still being set up finish first,
+// with room to spare on a busy machine.
+constexpr int send_timeout_ms = 500;
 // Long enough for a last acknowledgement to leave, short enough that closing
 // never holds anything up for long.
 constexpr int linger_ms = 1000;
@@ -42,7 +43,11 @@ Socket::Socket(SocketType type)
     try {
         setIntOption(_handle, ZMQ_LINGER, linger_ms);
         setIntOption(_handle, ZMQ_SNDTIMEO, send_timeout_ms);
-        setIntOption(_handle, ZMQ_IMMEDIATE, 1);
+        // A subscriber sends only its subscriptions, and with ZMQ_IMMEDIATE
+        // libzmq never sends them.
+        if (type != SocketType::Sub) {
+            setIntOption(_handle, ZMQ_IMMEDIATE, 1);
+        }
     } catch (...) {
         close();
         throw;
@@ -73,26 +78,31 @@ void Socket::close() noexcept {
 }
 
 void Socket::setIdentity(const std::string& identity) {
+    detail::throwIfShutDown();
     setOption(_handle, ZMQ_ROUTING_ID, identity.data(), identity.size());
 }
 
 void Socket::subscribe(std::string topic) {
+    detail::throwIfShutDown();
     setOption(_handle, ZMQ_SUBSCRIBE, topic.data(), topic.size());
 }
 
 void Socket::connect(std::string endpoint) {
+    detail::throwIfShutDown();
     if (zmq_connect(_handle, endpoint.c_str()) != 0) {
         detail::throwLastError();
     }
 }
 
 void Socket::bind(const std::string& endpoint) {
+    detail::throwIfShutDown();
     if (zmq_bind(_handle, endpoint.c_str()) != 0) {
         detail::throwLastError();
     }
 }
 
 std::string Socket::lastEndpoint() const {
+    detail::throwIfShutDown();
     char endpoint[1024];
     size_t size = sizeof endpoint;
     if (zmq_getsockopt(_handle, ZMQ_LAST_ENDPOINT, endpoint, &size) != 0) {
@@ -103,6 +113,7 @@ std::string Socket::lastEndpoint() const {
 }
 
 void Socket::send(const char* data, unsigned size, bool more) {
+    detail::throwIfShutDown();
     const int flags = more ? ZMQ_SNDMORE : 0;
     while (zmq_send(_handle, data, size, flags) < 0) {
         if (zmq_errno() != EINTR) {
@@ -116,6 +127,7 @@ void Socket::send(const std::string& frame, bool more) {
 }
 
 unsigned Socket::recv(char* buffer, unsigned size) {
+    detail::throwIfShutDown();
     zmq_msg_t frame;
     zmq_msg_init(&frame);
     while (zmq_msg_recv(&frame, _handle, 0) < 0) {
@@ -138,6 +150,7 @@ unsigned Socket::recv(char* buffer, unsigned size) {
 }
 
 bool Socket::checkMore() const {
+    detail::throwIfShutDown();
     int more = 0;
     size_t size = sizeof more;
     if (zmq_getsockopt(_handle, ZMQ_RCVMORE, &more, &size) != 0) {
@@ -147,6 +160,7 @@ bool Socket::checkMore() const {
 }
 
 void Socket::flushMessage() {
+    detail::throwIfShutDown();
     zmq_msg_t part;
     zmq_msg_init(&part);
     while (checkMore()) {
@@ -159,7 +173,23 @@ void Socket::flushMessage() {
     zmq_msg_close(&part);
 }
 
+void Socket::setSendHighWaterMark(int messages) {
+    detail::throwIfShutDown();
+    setIntOption(_handle, ZMQ_SNDHWM, messages);
+}
+
+void Socket::setReceiveHighWaterMark(int messages) {
+    detail::throwIfShutDown();
+    setIntOption(_handle, ZMQ_RCVHWM, messages);
+}
+
+void Socket::setRouterMandatory(bool mandatory) {
+    detail::throwIfShutDown();
+    setIntOption(_handle, ZMQ_ROUTER_MANDATORY, mandatory ? 1 : 0);
+}
+
 bool Socket::hasInput() const {
+    detail::throwIfShutDown();
     int events = 0;
     size_t size = sizeof events;
     if (zmq_getsockopt(_handle, ZMQ_EVENTS, &events, &size) != 0) {

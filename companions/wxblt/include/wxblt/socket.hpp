@@ -21,8 +21,8 @@ enum class SocketType : int {
 // wxblt::Exception (ZmqTermination once the context is shut down).
 //
 // Sending never waits for long and never queues for a peer that is not there:
-// a frame that cannot be handed to a connected peer within about 100 ms fails
-// with EAGAIN (11). The first 100 ms after connect() are thus enough for a
+// a frame that cannot be handed to a connected peer within 500 ms fails with
+// EAGAIN (11). The first 500 ms after connect() are thus enough for a
 // connection to a running peer to be set up before it is reported missing.
 // Frames still unsent when a socket is closed are kept for at most one second
 // and never hold up the process's exit.
