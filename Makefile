@@ -36,7 +36,8 @@ test-asan: deps
 test-tsan: deps
 	cmake -S . -B build-tsan -DORVIKM_SANITIZE=thread $(CMAKE_FLAGS)
 	cmake --build build-tsan -j $(JOBS)
-	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
+		ctest $(CTEST_FLAGS)
 
 # Each fuzz target for FUZZ_SECONDS (default 600).
 fuzz: build
