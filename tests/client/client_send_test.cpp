@@ -3,8 +3,6 @@
 #include <zmq.h>
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <future>
@@ -22,6 +20,7 @@
 #include <orviku/exception.hpp>
 #include <wxblt/exception.hpp>
 
+#include "support/loop_thread.hpp"
 #include "support/test_node.hpp"
 
 // The send interface: the three forms of send only queue, the I/O loop drains
@@ -32,7 +31,9 @@ using namespace std::chrono_literals;
 using orvikm::Client;
 using orvikm::Message;
 using orvikm::Payload;
+using testsupport::ErrorHandler;
 using testsupport::Frame;
+using testsupport::LoopThread;
 using testsupport::TestNode;
 using testsupport::WrittenRequest;
 
@@ -63,13 +64,8 @@ const std::string kAckContext = "While trying to acknowledge message with id: ";
 constexpr int kAgain = 11;
 
 constexpr auto kValidity = 30s;
-constexpr auto kLoopTimeout = 20ms;
 constexpr auto kEventLimit = 5s;
 constexpr auto kQuietTime = 300ms;
-constexpr auto kLoopEndLimit = 10s;
-constexpr auto kTerminateRetry = 50ms;
-
-using ErrorHandler = std::function<void(orviku::Exception&)>;
 
 // What an error handler was given.
 struct ReportedError {
@@ -90,47 +86,6 @@ struct ErrorRecorder {
                                             error.what(), error.context()});
         };
     }
-};
-
-// Runs client.blockThreadForIO on a thread of its own. On the way out it ends
-// a loop that still runs; a loop that cannot be ended stops the process, as
-// waiting on would hang the test run.
-class LoopThread {
-public:
-    LoopThread(Client& client, ErrorHandler handler)
-        : _client(client),
-          _loop(std::async(std::launch::async, [&client, handler = std::move(handler)] {
-              client.blockThreadForIO(handler, kLoopTimeout);
-          })) {}
-    LoopThread(const LoopThread&) = delete;
-    LoopThread& operator=(const LoopThread&) = delete;
-    ~LoopThread() {
-        if (!stop()) {
-            std::fputs("blockThreadForIO did not end after terminate()\n", stderr);
-            std::abort();
-        }
-    }
-
-    bool endsWithin(std::chrono::milliseconds limit) {
-        return _loop.wait_for(limit) == std::future_status::ready;
-    }
-
-    // A terminate() that comes before the loop has cleared its flag is
-    // forgotten, so it is repeated until the loop has ended.
-    bool stop() {
-        const auto deadline = std::chrono::steady_clock::now() + kLoopEndLimit;
-        while (std::chrono::steady_clock::now() < deadline) {
-            _client.terminate();
-            if (endsWithin(kTerminateRetry)) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-private:
-    Client& _client;
-    std::future<void> _loop;
 };
 
 Payload payloadOf(const std::string& bytes, const std::string& type = kPayloadType) {

@@ -20,6 +20,7 @@
 #include <orvikm/payload.hpp>
 #include <orviku/exception.hpp>
 
+#include "support/loop_thread.hpp"
 #include "support/test_node.hpp"
 
 // The client's threads: send from any thread while the I/O thread writes and
@@ -30,6 +31,7 @@ using namespace std::chrono_literals;
 using orvikm::Client;
 using orvikm::Message;
 using orvikm::Payload;
+using testsupport::LoopThread;
 using testsupport::TestNode;
 using testsupport::WrittenRequest;
 
@@ -46,50 +48,8 @@ constexpr int kSendsPerThread = 500;
 constexpr int kAllSends = kSenderThreads * kSendsPerThread;
 
 constexpr auto kValidity = 30s;
-constexpr auto kLoopTimeout = 20ms;
 constexpr auto kEventLimit = 5s;
 constexpr auto kTrafficLimit = 60s;
-constexpr auto kLoopEndLimit = 10s;
-constexpr auto kTerminateRetry = 50ms;
-
-using ErrorHandler = std::function<void(orviku::Exception&)>;
-
-// Runs client.blockThreadForIO on a thread of its own. On the way out it ends
-// a loop that still runs; a loop that cannot be ended stops the process, as
-// waiting on would hang the test run.
-class LoopThread {
-public:
-    LoopThread(Client& client, ErrorHandler handler)
-        : _client(client),
-          _loop(std::async(std::launch::async, [&client, handler = std::move(handler)] {
-              client.blockThreadForIO(handler, kLoopTimeout);
-          })) {}
-    LoopThread(const LoopThread&) = delete;
-    LoopThread& operator=(const LoopThread&) = delete;
-    ~LoopThread() {
-        if (!stop()) {
-            std::fputs("blockThreadForIO did not end after terminate()\n", stderr);
-            std::abort();
-        }
-    }
-
-    // A terminate() that comes before the loop has cleared its flag is
-    // forgotten, so it is repeated until the loop has ended.
-    bool stop() {
-        const auto deadline = std::chrono::steady_clock::now() + kLoopEndLimit;
-        while (std::chrono::steady_clock::now() < deadline) {
-            _client.terminate();
-            if (_loop.wait_for(kTerminateRetry) == std::future_status::ready) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-private:
-    Client& _client;
-    std::future<void> _loop;
-};
 
 // A thread that does not finish in time is stuck for good: waiting on would
 // hang the test run, and so would the future's destructor.

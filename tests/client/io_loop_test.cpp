@@ -25,6 +25,8 @@
 #include <wxblt/exception.hpp>
 
 #include "support/child_process.hpp"
+#include "support/loop_thread.hpp"
+#include "support/payload_helpers.hpp"
 #include "support/test_node.hpp"
 
 // The I/O loop: passes of writing and reading, the end of a loop by
@@ -37,7 +39,10 @@ using orvikm::Client;
 using orvikm::Message;
 using orvikm::Payload;
 using orvikm::Registry;
+using testsupport::bytesOf;
+using testsupport::ErrorHandler;
 using testsupport::Frame;
+using testsupport::LoopThread;
 using testsupport::TestNode;
 using testsupport::WrittenRequest;
 
@@ -80,13 +85,9 @@ constexpr auto kValidity = 30s;
 constexpr auto kLoopTimeout = 20ms;
 constexpr auto kEventLimit = 5s;
 constexpr auto kQuietTime = 300ms;
-constexpr auto kLoopEndLimit = 10s;
-constexpr auto kTerminateRetry = 50ms;
 constexpr auto kChildLimit = 20s;
 // 2^32 + 20 ms: the low 32 bits that the selector gets are 20 ms.
 constexpr std::chrono::milliseconds kWrappingTimeout((std::int64_t{1} << 32) + 20);
-
-using ErrorHandler = std::function<void(orviku::Exception&)>;
 
 // What an error handler was given.
 struct ReportedError {
@@ -111,50 +112,6 @@ struct ErrorRecorder {
     }
 };
 
-// Runs client.blockThreadForIO on a thread of its own. On the way out it ends
-// a loop that still runs; a loop that cannot be ended stops the process, as
-// waiting on would hang the test run.
-class LoopThread {
-public:
-    LoopThread(Client& client, ErrorHandler handler)
-        : _client(client),
-          _loop(std::async(std::launch::async, [&client, handler = std::move(handler)] {
-              client.blockThreadForIO(handler, kLoopTimeout);
-          })) {}
-    LoopThread(const LoopThread&) = delete;
-    LoopThread& operator=(const LoopThread&) = delete;
-    ~LoopThread() {
-        if (_loop.valid() && !stop()) {
-            std::fputs("blockThreadForIO did not end after terminate()\n", stderr);
-            std::abort();
-        }
-    }
-
-    bool endsWithin(std::chrono::milliseconds limit) {
-        return _loop.wait_for(limit) == std::future_status::ready;
-    }
-
-    // A terminate() that comes before the loop has cleared its flag is
-    // forgotten, so it is repeated until the loop has ended.
-    bool stop() {
-        const auto deadline = std::chrono::steady_clock::now() + kLoopEndLimit;
-        while (std::chrono::steady_clock::now() < deadline) {
-            _client.terminate();
-            if (endsWithin(kTerminateRetry)) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    // Rethrows what left blockThreadForIO; call it once the loop has ended.
-    void result() { _loop.get(); }
-
-private:
-    Client& _client;
-    std::future<void> _loop;
-};
-
 std::vector<std::string> published(std::vector<std::string> frames) {
     frames.insert(frames.begin(), kTopic);
     return frames;
@@ -165,10 +122,6 @@ Message outgoing() {
     std::memcpy(payload.getBuffer(), kBody.data(), kBody.size());
     return Message(std::move(payload),
                    Message::Config(kAppId, {}, kValidity, Message::AckMode::ByNode));
-}
-
-std::string bytesOf(const Payload& payload) {
-    return std::string(payload.getBuffer(), payload.size());
 }
 
 // Delivers frames on the client's dispenser once it is connected.

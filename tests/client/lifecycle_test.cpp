@@ -1,13 +1,8 @@
 #include <orvikm/client.hpp>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <zmq.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -17,7 +12,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -30,7 +24,9 @@
 #include <orviku/exception.hpp>
 #include <wxblt/exception.hpp>
 
+#include "support/loop_thread.hpp"
 #include "support/raw_peer.hpp"
+#include "support/reserved_port.hpp"
 #include "support/test_node.hpp"
 
 namespace {
@@ -103,30 +99,16 @@ struct ReportedError {
 };
 
 // blockThreadForIO on a thread of its own, recording what reaches the error
-// handler. Going out of scope ends the loop: terminate() is repeated until it
-// is seen, since a terminate() that comes before the loop has started is
-// forgotten by it.
+// handler. Going out of scope ends the loop.
 class RunningLoop {
 public:
-    explicit RunningLoop(Client& client) : _client(client), _errors(std::make_shared<Errors>()) {
-        _loop = std::async(std::launch::async, [&client, errors = _errors] {
-            client.blockThreadForIO([errors](orviku::Exception& error) { errors->record(error); },
-                                    kPassTimeout);
-        });
-    }
-    RunningLoop(const RunningLoop&) = delete;
-    RunningLoop& operator=(const RunningLoop&) = delete;
+    explicit RunningLoop(Client& client)
+        : _errors(std::make_shared<Errors>()),
+          _loop(
+              client, [errors = _errors](orviku::Exception& error) { errors->record(error); },
+              kPassTimeout) {}
 
-    ~RunningLoop() {
-        const Clock::time_point deadline = Clock::now() + kLoopEndTimeout;
-        do {
-            _client.terminate();
-        } while (!endsWithin(kPassTimeout) && Clock::now() < deadline);
-    }
-
-    bool endsWithin(std::chrono::milliseconds timeout) {
-        return _loop.wait_for(timeout) == std::future_status::ready;
-    }
+    bool endsWithin(std::chrono::milliseconds timeout) { return _loop.endsWithin(timeout); }
 
     std::vector<ReportedError> errors() { return _errors->all(); }
 
@@ -155,9 +137,8 @@ private:
         std::vector<ReportedError> _errors;
     };
 
-    Client& _client;
     std::shared_ptr<Errors> _errors;
-    std::future<void> _loop;
+    testsupport::LoopThread _loop;
 };
 
 // The ids of the messages handed to a client's message callback.
@@ -187,40 +168,11 @@ private:
     std::vector<std::string> _ids;
 };
 
-// A loopback port that is bound but never listened on, held for as long as
-// the object lives: every connection to it is refused, and no other socket,
-// of this process or another, can take it meanwhile. (The ports of a node
-// that was just closed are not as safe: ZeroMQ closes a listening socket in
-// the background, and a freed port may be bound again by a test running in
-// parallel.)
-class RefusingPort {
-public:
-    RefusingPort() : _fd(::socket(AF_INET, SOCK_STREAM, 0)) {
-        if (_fd < 0) {
-            throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
-        }
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        if (::bind(_fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-            ::getsockname(_fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-            const int error = errno;
-            ::close(_fd);
-            throw std::runtime_error(std::string("bind: ") + std::strerror(error));
-        }
-        _port = ntohs(address.sin_port);
-    }
-    RefusingPort(const RefusingPort&) = delete;
-    RefusingPort& operator=(const RefusingPort&) = delete;
-    ~RefusingPort() { ::close(_fd); }
-
-    int port() const { return _port; }
-
-private:
-    int _fd;
-    int _port = 0;
-};
+// A loopback port that refuses every connection for as long as the object
+// lives. (The ports of a node that was just closed are not as safe: ZeroMQ
+// closes a listening socket in the background, and a freed port may be bound
+// again by a test running in parallel.)
+using RefusingPort = testsupport::ReservedPort;
 
 // The parts as one multi-part message: the more flag on all but the last.
 std::vector<Frame> asOneMessage(const std::vector<std::string>& parts) {

@@ -11,17 +11,19 @@
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "support/background_work.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 using orvikm::Message;
 using orvikm::Payload;
+using testsupport::BackgroundWork;
 using MessageQueue = orvikm::Client::MessageQueue;
 
 const std::string kAppId = "queue-app";
@@ -90,28 +92,6 @@ std::string topId(MessageQueue& queue) {
 class OperationFailure : public std::runtime_error {
 public:
     OperationFailure() : std::runtime_error(kOperationFailure) {}
-};
-
-// Work on a thread of its own that may block on a lock. The thread is
-// detached, so a call that never returns fails the test instead of hanging it;
-// the work must therefore own (through shared pointers) everything it touches.
-class BackgroundWork {
-public:
-    explicit BackgroundWork(std::function<void()> work)
-        : _done(std::make_shared<std::promise<void>>()), _finished(_done->get_future()) {
-        std::thread([work = std::move(work), done = _done] {
-            work();
-            done->set_value();
-        }).detach();
-    }
-
-    bool finishedWithin(std::chrono::milliseconds timeout) {
-        return _finished.wait_for(timeout) == std::future_status::ready;
-    }
-
-private:
-    std::shared_ptr<std::promise<void>> _done;
-    std::future<void> _finished;
 };
 
 // The id of the top message, read on another thread so that a queue whose lock

@@ -8,12 +8,13 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include <gtest/gtest.h>
 
 #include <orvikm/control_requests.hpp>
+
+#include "support/background_work.hpp"
 
 namespace {
 
@@ -21,6 +22,7 @@ using namespace std::chrono_literals;
 using orvikm::Message;
 using orvikm::Payload;
 using orvikm::internal_objects::Ack;
+using testsupport::BackgroundWork;
 using MsgResultCallbacks = orvikm::Client::MsgResultCallbacks;
 
 const std::string kAppId = "callbacks-app";
@@ -55,28 +57,6 @@ std::function<void()> counting(std::shared_ptr<int> calls) {
 class CallbackFailure : public std::runtime_error {
 public:
     CallbackFailure() : std::runtime_error(kCallbackFailure) {}
-};
-
-// Work on a thread of its own that may block on a lock. The thread is
-// detached, so a call that never returns fails the test instead of hanging it;
-// the work must therefore own (through shared pointers) everything it touches.
-class BackgroundWork {
-public:
-    explicit BackgroundWork(std::function<void()> work)
-        : _done(std::make_shared<std::promise<void>>()), _finished(_done->get_future()) {
-        std::thread([work = std::move(work), done = _done] {
-            work();
-            done->set_value();
-        }).detach();
-    }
-
-    bool finishedWithin(std::chrono::milliseconds timeout) {
-        return _finished.wait_for(timeout) == std::future_status::ready;
-    }
-
-private:
-    std::shared_ptr<std::promise<void>> _done;
-    std::future<void> _finished;
 };
 
 TEST(MsgResultCallbacksTest, NewTableIsEmpty) {

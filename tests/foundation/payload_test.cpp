@@ -8,9 +8,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/payload_helpers.hpp"
+
 namespace {
 
 using orvikm::Payload;
+using testsupport::bufferWith;
+using testsupport::bytesOf;
+using testsupport::FreeLog;
 
 const std::string kType = "text/plain";
 const std::string kOtherType = "application/octet-stream";
@@ -19,42 +24,12 @@ const std::string kOtherBody = "other body";
 
 using DefaultFreeTarget = void (*)(char*);
 
-// The pointers a free callback was called with, one entry per call. The
-// callback only records; the test keeps its buffers and frees them itself.
-struct FreeLog {
-    std::vector<char*> calls;
-
-    Payload::FreeCallback callback() {
-        return [this](char* buffer) { calls.push_back(buffer); };
-    }
-
-    // Records, then releases the buffer with delete[], for buffers allocated
-    // with new char[] whose release the test leaves to the payload.
-    Payload::FreeCallback freeingCallback() {
-        return [this](char* buffer) {
-            calls.push_back(buffer);
-            delete[] buffer;
-        };
-    }
-};
-
 // Frees a buffer that, by the rule under test, the payload does not own. The
 // payload lets go of it first, so that a payload that wrongly owns it cannot
 // free it a second time and turn a failed expectation into a crash.
 void freeOurselves(Payload& payload) {
     payload.release();
     delete[] payload.getBuffer();
-}
-
-// A buffer the test owns, filled with the given bytes.
-std::unique_ptr<char[]> bufferWith(const std::string& bytes) {
-    std::unique_ptr<char[]> buffer(new char[bytes.size()]);
-    std::copy(bytes.begin(), bytes.end(), buffer.get());
-    return buffer;
-}
-
-std::string bytesOf(const Payload& payload) {
-    return std::string(payload.getBuffer(), payload.size());
 }
 
 // Sets a flag when its own destructor runs.

@@ -2,7 +2,6 @@
 #include <orvikm/registry.hpp>
 
 #include <cstdint>
-#include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
@@ -15,6 +14,9 @@
 #include <orvikm/payload.hpp>
 #include <orviku/exception.hpp>
 
+#include "support/error_capture.hpp"
+#include "support/payload_helpers.hpp"
+
 namespace {
 
 using orvikm::Payload;
@@ -26,7 +28,15 @@ using orvikm::internal_objects::Inbox;
 using orvikm::internal_objects::InboxType;
 using orvikm::internal_objects::Request;
 
-using Address = std::uintptr_t;
+using testsupport::Address;
+using testsupport::addressOf;
+using testsupport::contextOf;
+using testsupport::FreeRecorder;
+using testsupport::isA;
+using testsupport::payloadOf;
+using testsupport::thrownBy;
+using testsupport::whatOf;
+
 using Context = std::vector<std::string>;
 
 const std::string kInboxWireName = "BOX";
@@ -75,86 +85,12 @@ const std::string kRegistryTypeLeftover =
     "Did not expect more headers for request \"REG\". Unexpected headers are: "
     "(p_type|registry/v1)";
 
-// Notes every buffer it is called with, then releases it as the default
-// callback would. It must outlive every payload that holds its callback.
-class FreeRecorder {
-public:
-    FreeRecorder() = default;
-    FreeRecorder(const FreeRecorder&) = delete;
-    FreeRecorder& operator=(const FreeRecorder&) = delete;
-
-    Payload::FreeCallback callback() {
-        return [this](char* buffer) {
-            _freed.push_back(reinterpret_cast<Address>(buffer));
-            delete[] buffer;
-        };
-    }
-    const std::vector<Address>& freed() const { return _freed; }
-
-private:
-    std::vector<Address> _freed;
-};
-
-Address addressOf(const Payload& payload) {
-    return reinterpret_cast<Address>(payload.getBuffer());
-}
-
-// A payload owning a new array that holds body.
-Payload payloadOf(const std::string& body, std::string type,
-                  Payload::FreeCallback freeCallback = &Payload::defaultFree) {
-    char* buffer = new char[body.size()];
-    std::memcpy(buffer, body.data(), body.size());
-    return Payload(buffer, static_cast<unsigned>(body.size()), std::move(type),
-                   std::move(freeCallback));
-}
-
 HeaderMap inboxHeaders(const std::string& boxType) {
     return HeaderMap{{kAppIdKey, kAppId}, {kBoxTypeKey, boxType}};
 }
 
 HeaderMap surplusHeaders() {
     return HeaderMap{{kSurplusKeyA, kSurplusValueA}, {kSurplusKeyB, kSurplusValueB}};
-}
-
-template <typename Action>
-std::exception_ptr thrownBy(Action&& action) {
-    try {
-        action();
-    } catch (...) {
-        return std::current_exception();
-    }
-    return nullptr;
-}
-
-template <typename Error>
-bool isA(const std::exception_ptr& thrown) {
-    try {
-        std::rethrow_exception(thrown);
-    } catch (const Error&) {
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
-std::string whatOf(const std::exception_ptr& thrown) {
-    try {
-        std::rethrow_exception(thrown);
-    } catch (const std::exception& error) {
-        return error.what();
-    } catch (...) {
-        return "<not a std::exception>";
-    }
-}
-
-Context contextOf(const std::exception_ptr& thrown) {
-    try {
-        std::rethrow_exception(thrown);
-    } catch (const orviku::Exception& error) {
-        return error.context();
-    } catch (...) {
-        return Context{"<not an orviku::Exception>"};
-    }
 }
 
 std::exception_ptr inboxErrorOf(HeaderMap headers) {

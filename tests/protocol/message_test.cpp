@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <exception>
 #include <limits>
 #include <list>
@@ -19,6 +18,9 @@
 #include <orvikm/payload.hpp>
 #include <orviku/exception.hpp>
 
+#include "support/error_capture.hpp"
+#include "support/payload_helpers.hpp"
+
 namespace {
 
 using orvikm::Message;
@@ -27,7 +29,16 @@ using orvikm::internal_objects::HeaderMap;
 using orvikm::internal_objects::Request;
 using namespace std::chrono_literals;
 
-using Address = std::uintptr_t;
+using testsupport::Address;
+using testsupport::addressOf;
+using testsupport::bytesOf;
+using testsupport::contextOf;
+using testsupport::FreeRecorder;
+using testsupport::isA;
+using testsupport::payloadOf;
+using testsupport::thrownBy;
+using testsupport::whatOf;
+
 using Context = std::vector<std::string>;
 using Routes = std::list<std::string>;
 using Nodes = std::vector<std::string>;
@@ -89,43 +100,6 @@ const std::string kLeftoverPayloadHeaders =
     "Did not expect more headers for request \"MSG\". Unexpected headers are: "
     "(p_size|16)(p_type|text/plain)";
 
-// Notes every buffer it is called with, then releases it as the default
-// callback would. It must outlive every payload that holds its callback.
-class FreeRecorder {
-public:
-    FreeRecorder() = default;
-    FreeRecorder(const FreeRecorder&) = delete;
-    FreeRecorder& operator=(const FreeRecorder&) = delete;
-
-    Payload::FreeCallback callback() {
-        return [this](char* buffer) {
-            _freed.push_back(reinterpret_cast<Address>(buffer));
-            delete[] buffer;
-        };
-    }
-    const std::vector<Address>& freed() const { return _freed; }
-
-private:
-    std::vector<Address> _freed;
-};
-
-Address addressOf(const Payload& payload) {
-    return reinterpret_cast<Address>(payload.getBuffer());
-}
-
-std::string bytesOf(const Payload& payload) {
-    return std::string(payload.getBuffer(), payload.size());
-}
-
-// A payload owning a new array that holds body.
-Payload payloadOf(const std::string& body, std::string type,
-                  Payload::FreeCallback freeCallback = &Payload::defaultFree) {
-    char* buffer = new char[body.size()];
-    std::memcpy(buffer, body.data(), body.size());
-    return Payload(buffer, static_cast<unsigned>(body.size()), std::move(type),
-                   std::move(freeCallback));
-}
-
 Payload emptyPayload() {
     return Payload(nullptr, 0, "", Payload::FreeCallback());
 }
@@ -173,47 +147,6 @@ Message receive(HeaderMap headers) {
 std::string headerOf(const HeaderMap& headers, const std::string& key) {
     const auto entry = headers.find(key);
     return entry == headers.end() ? "<absent>" : entry->second;
-}
-
-template <typename Action>
-std::exception_ptr thrownBy(Action&& action) {
-    try {
-        action();
-    } catch (...) {
-        return std::current_exception();
-    }
-    return nullptr;
-}
-
-template <typename Error>
-bool isA(const std::exception_ptr& thrown) {
-    try {
-        std::rethrow_exception(thrown);
-    } catch (const Error&) {
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
-std::string whatOf(const std::exception_ptr& thrown) {
-    try {
-        std::rethrow_exception(thrown);
-    } catch (const std::exception& error) {
-        return error.what();
-    } catch (...) {
-        return "<not a std::exception>";
-    }
-}
-
-Context contextOf(const std::exception_ptr& thrown) {
-    try {
-        std::rethrow_exception(thrown);
-    } catch (const orviku::Exception& error) {
-        return error.context();
-    } catch (...) {
-        return Context{"<not an orviku::Exception>"};
-    }
 }
 
 std::exception_ptr decodingErrorOf(HeaderMap headers) {

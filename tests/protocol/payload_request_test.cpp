@@ -1,6 +1,5 @@
 #include <orvikm/payload_request.hpp>
 
-#include <algorithm>
 #include <limits>
 #include <memory>
 #include <string>
@@ -11,11 +10,15 @@
 #include <orvikm/errors.hpp>
 #include <orvikm/payload.hpp>
 
+#include "support/payload_helpers.hpp"
+
 namespace {
 
 using orvikm::Payload;
 using orvikm::internal_objects::HeaderMap;
 using orvikm::internal_objects::PayloadRequest;
+using testsupport::bufferWith;
+using testsupport::FreeLog;
 
 const std::string kSizeKey = "p_size";
 const std::string kTypeKey = "p_type";
@@ -40,22 +43,6 @@ public:
 
     const char* wireName() const override { return kBodyName; }
 };
-
-// The pointers a free callback was called with, one entry per call. The
-// callback only records; the test keeps its buffers and frees them itself.
-struct FreeLog {
-    std::vector<char*> calls;
-
-    Payload::FreeCallback callback() {
-        return [this](char* buffer) { calls.push_back(buffer); };
-    }
-};
-
-std::unique_ptr<char[]> bufferWith(const std::string& bytes) {
-    std::unique_ptr<char[]> buffer(new char[bytes.size()]);
-    std::copy(bytes.begin(), bytes.end(), buffer.get());
-    return buffer;
-}
 
 // A payload that claims size bytes without having any: for sizes too large to
 // allocate, in tests that never touch the body.

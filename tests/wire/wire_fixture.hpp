@@ -1,10 +1,8 @@
 #pragma once
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <zmq.h>
 
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -12,14 +10,16 @@
 #include <stdexcept>
 #include <string>
 #include <typeinfo>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include <orvikm/payload.hpp>
 #include <orvikm/receiver.hpp>
 #include <orvikm/request.hpp>
+#include <support/payload_helpers.hpp>
 #include <support/raw_peer.hpp>
+#include <support/reserved_port.hpp>
+#include <support/socket_input.hpp>
 #include <wxblt/exception.hpp>
 #include <wxblt/socket.hpp>
 
@@ -76,26 +76,16 @@ inline std::string loopbackEndpoint(int port) {
 // Waits at most `timeout` for a frame that can be received without blocking.
 inline bool waitForInput(const wxblt::Socket& socket,
                          std::chrono::milliseconds timeout = kArrivalTimeout) {
-    zmq_pollitem_t item{socket.handle(), 0, ZMQ_POLLIN, 0};
-    const int ready = zmq_poll(&item, 1, static_cast<long>(timeout.count()));
-    if (ready < 0) {
-        throw std::runtime_error(std::string("zmq_poll: ") + zmq_strerror(zmq_errno()));
-    }
-    return ready > 0;
+    return testsupport::waitForInput(socket, timeout);
 }
 
-// The next frame, read with the socket's own recv once it is known to be
-// there (recv blocks without limit).
+// The next frame; throws when none arrives in time.
 inline std::string readRawFrame(wxblt::Socket& socket) {
-    if (!waitForInput(socket)) {
+    std::optional<std::string> frame = testsupport::receiveFrame(socket, kArrivalTimeout);
+    if (!frame) {
         throw std::runtime_error("no frame arrived in time");
     }
-    std::vector<char> buffer(64 * 1024);
-    const unsigned length = socket.recv(buffer.data(), static_cast<unsigned>(buffer.size()));
-    if (length > buffer.size()) {
-        throw std::runtime_error("frame larger than the test buffer");
-    }
-    return std::string(buffer.data(), length);
+    return *frame;
 }
 
 // receive() once a request has arrived; fails instead of blocking when none
@@ -123,16 +113,8 @@ std::optional<Error> thrownBy(Action&& action) {
     return std::nullopt;
 }
 
-// A payload holding a copy of the bytes, owning its buffer.
-inline orvikm::Payload payloadOf(const std::string& bytes, std::string type) {
-    char* buffer = new char[bytes.size()];
-    bytes.copy(buffer, bytes.size());
-    return orvikm::Payload(buffer, static_cast<unsigned>(bytes.size()), std::move(type));
-}
-
-inline std::string bytesOf(const orvikm::Payload& payload) {
-    return std::string(payload.getBuffer(), payload.size());
-}
+using testsupport::bytesOf;
+using testsupport::payloadOf;
 
 // Bytes 0 to 255 over and over, zeros included.
 inline std::string binaryBytes(std::size_t size) {
@@ -197,36 +179,10 @@ private:
     inline static const std::string kHello = "hello";
 };
 
-// A loopback port where nothing listens: a plain TCP socket is bound to it but
-// never listens, so connections are refused and nothing else can take the
-// port while the object lives.
-class DeadPort {
+// A loopback port where nothing listens, addressed as an endpoint.
+class DeadPort : public testsupport::ReservedPort {
 public:
-    DeadPort() : _fd(::socket(AF_INET, SOCK_STREAM, 0)) {
-        if (_fd < 0) {
-            throw std::runtime_error("socket() failed");
-        }
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = 0;
-        socklen_t size = sizeof address;
-        if (::bind(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::getsockname(_fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-            ::close(_fd);
-            throw std::runtime_error("cannot reserve a loopback port");
-        }
-        _port = ntohs(address.sin_port);
-    }
-    DeadPort(const DeadPort&) = delete;
-    DeadPort& operator=(const DeadPort&) = delete;
-    ~DeadPort() { ::close(_fd); }
-
-    std::string endpoint() const { return loopbackEndpoint(_port); }
-
-private:
-    int _fd;
-    int _port = 0;
+    std::string endpoint() const { return loopbackEndpoint(port()); }
 };
 
 }  // namespace wiretest

@@ -1,10 +1,7 @@
 #pragma once
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <zmq.h>
 
 #include <chrono>
 #include <fstream>
@@ -14,14 +11,14 @@
 #include <memory>
 #include <optional>
 #include <ostream>
-#include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <wxblt/socket.hpp>
 
 #include "support/raw_peer.hpp"
+#include "support/reserved_port.hpp"
+#include "support/socket_input.hpp"
 
 // Small helpers shared by the socket-layer tests. They reach the sockets under
 // test only through their public handle, with libzmq's own poll, so that a
@@ -34,29 +31,12 @@ using namespace std::chrono_literals;
 // fails quickly instead of hanging.
 constexpr std::chrono::milliseconds arrival_timeout = 5s;
 
-// Waits at most `timeout` for a frame that can be received without blocking.
-inline bool waitForInput(const wxblt::Socket& socket, std::chrono::milliseconds timeout) {
-    zmq_pollitem_t item{socket.handle(), 0, ZMQ_POLLIN, 0};
-    const int ready = zmq_poll(&item, 1, static_cast<long>(timeout.count()));
-    if (ready < 0) {
-        throw std::runtime_error(std::string("zmq_poll: ") + zmq_strerror(zmq_errno()));
-    }
-    return ready > 0;
-}
+using testsupport::waitForInput;
 
-// The next frame, or nothing when none arrived in time. recv() blocks without
-// limit, so it is only called once a frame is known to be there.
+// The next frame, or nothing when none arrived in time.
 inline std::optional<std::string> receiveFrame(
     wxblt::Socket& socket, std::chrono::milliseconds timeout = arrival_timeout) {
-    if (!waitForInput(socket, timeout)) {
-        return std::nullopt;
-    }
-    std::vector<char> buffer(64 * 1024);
-    const unsigned length = socket.recv(buffer.data(), static_cast<unsigned>(buffer.size()));
-    if (length > buffer.size()) {
-        throw std::runtime_error("frame larger than the test buffer");
-    }
-    return std::string(buffer.data(), length);
+    return testsupport::receiveFrame(socket, timeout);
 }
 
 // Runs `call` on a thread of its own and waits at most `timeout` for its
@@ -110,45 +90,7 @@ inline int portOf(const std::string& endpoint) {
     return std::stoi(endpoint.substr(endpoint.rfind(':') + 1));
 }
 
-// A loopback port that nothing listens on: a plain TCP socket is bound to it
-// but never listens, so connections to it are refused and no other socket can
-// take it until release().
-class ReservedPort {
-public:
-    ReservedPort() : _fd(::socket(AF_INET, SOCK_STREAM, 0)) {
-        if (_fd < 0) {
-            throw std::runtime_error("socket() failed");
-        }
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = 0;
-        socklen_t size = sizeof address;
-        if (::bind(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::getsockname(_fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-            ::close(_fd);
-            throw std::runtime_error("cannot reserve a loopback port");
-        }
-        _port = ntohs(address.sin_port);
-    }
-    ReservedPort(const ReservedPort&) = delete;
-    ReservedPort& operator=(const ReservedPort&) = delete;
-    ~ReservedPort() { release(); }
-
-    int port() const noexcept { return _port; }
-
-    // Frees the port for a peer that is to bind to it.
-    void release() noexcept {
-        if (_fd >= 0) {
-            ::close(_fd);
-            _fd = -1;
-        }
-    }
-
-private:
-    int _fd;
-    int _port = 0;
-};
+using testsupport::ReservedPort;
 
 }  // namespace wxblttest
 
