@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 FUZZ_SECONDS ?= 600
 
-.PHONY: all deps configure build test demo test-asan test-tsan fuzz clean
+.PHONY: all deps configure build test demo test-asan test-tsan fuzz stress clean
 
 all: build
 
@@ -46,3 +46,12 @@ fuzz: build
 
 clean:
 	rm -rf $(BUILD_DIR) build-asan build-tsan
+
+# The stress, burst and fault tests (label "stress") at full scale, one at a
+# time; their figures are collected in $(BUILD_DIR)/stress-figures.txt.
+STRESS_FIGURES = $(abspath $(BUILD_DIR))/stress-figures.txt
+stress: build
+	rm -f $(STRESS_FIGURES)
+	cd $(BUILD_DIR) && ORVIKM_STRESS=full ORVIKM_STRESS_FIGURES=$(STRESS_FIGURES) \
+		ctest --output-on-failure -L stress -j 1
+	@cat $(STRESS_FIGURES)

@@ -58,6 +58,22 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
                  {&_dispenser, [this](wxblt::Socket* socket) { receive_on_dispenser(socket); }}}),
       _id(std::move(appId)),
       _subscriptions(std::move(subscriptions)) {
+    // Neither socket limits its queues. ZeroMQ's default of 1000 messages each
+    // way turns a node that is merely busy into errors and losses: a full
+    // dealer send queue makes a write wait out the send timeout and fail with
+    // EAGAIN, reported as "Orvik Node is not available"; a full receive queue
+    // stops reading the connection, and a node whose own queue towards us is
+    // limited then drops acknowledgements and publications. The client's own
+    // MessageQueue is unbounded anyway, and what arrives is held only until
+    // the I/O loop reads it.
+    try {
+        _listener.setReceiveHighWaterMark(0);
+        _dispenser.setSendHighWaterMark(0);
+        _dispenser.setReceiveHighWaterMark(0);
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to lift the queue limits of the client's sockets");
+        throw;
+    }
     try {
         _listener.setIdentity(_id + "|lstn");
         for (const std::string& topic : _subscriptions) {

@@ -10,6 +10,25 @@
 
 namespace orvikm {
 
+namespace {
+
+// A header number that does not parse ("p_size", "valid_for") leaves the
+// receiver as a standard exception, with the rest of its request unread. The
+// rest is dropped here, so that it is not taken for the next request; the
+// exception itself goes on unchanged.
+std::unique_ptr<internal_objects::Request> receiveFrom(Receiver& receiver, wxblt::Socket& socket) {
+    try {
+        return receiver.receive();
+    } catch (const orviku::Exception&) {
+        throw;
+    } catch (...) {
+        socket.flushMessage();
+        throw;
+    }
+}
+
+}  // namespace
+
 void Client::onMessage(std::function<void(std::unique_ptr<Message>)> callback) {
     _on_message = std::move(callback);
 }
@@ -70,7 +89,8 @@ void Client::receive_on_listener(wxblt::Socket*) {
             _listener.flushMessage();
             throw;
         }
-        std::unique_ptr<internal_objects::Request> request = _listener_receiver.receive();
+        std::unique_ptr<internal_objects::Request> request =
+            receiveFrom(_listener_receiver, _listener);
         if (std::strcmp(request->wireName(), Message::_wire_name) != 0) {
             throw ProtocolError(
                 std::string("Don't expect other types of requests on listener other than "
@@ -86,7 +106,7 @@ void Client::receive_on_listener(wxblt::Socket*) {
 
 void Client::receive_on_dispenser(wxblt::Socket*) {
     try {
-        handle_request(_dispenser_receiver.receive());
+        handle_request(receiveFrom(_dispenser_receiver, _dispenser));
     } catch (orviku::Exception& error) {
         error.addContext("While trying to read request on Client dispenser");
         throw;

@@ -21,6 +21,7 @@
 #include <wxblt/exception.hpp>
 
 #include "support/loop_thread.hpp"
+#include "support/reserved_port.hpp"
 #include "support/test_node.hpp"
 
 // The send interface: the three forms of send only queue, the I/O loop drains
@@ -133,11 +134,18 @@ std::vector<std::string> writtenCommands(TestNode& node, std::size_t count) {
     return commands;
 }
 
-// Two loopback ports on which nothing listens any more.
-std::pair<int, int> releasedPorts() {
-    TestNode gone;
-    return {gone.listenerPort(), gone.dispenserPort()};
-}
+// Two loopback ports held (bound, never listening): connections to them are
+// refused, and no other test can take them meanwhile.
+struct RefusingPorts {
+    testsupport::ReservedPort listener;
+    testsupport::ReservedPort dispenser;
+
+    // Frees both for a node that is to bind them.
+    void release() {
+        listener.release();
+        dispenser.release();
+    }
+};
 
 TEST(ClientSendTest, AckSentTwiceCallsTheCallbackExactlyOnce) {
     TestNode node;
@@ -293,7 +301,9 @@ TEST(ClientSendTest, QueuedMessagesPrecedeRegistryRequestAndInboxCheck) {
 }
 
 TEST(ClientSendTest, UnreachableNodeReportsFirstQueuedMessageWithItsContext) {
-    const auto [listenerPort, dispenserPort] = releasedPorts();
+    RefusingPorts ports;
+    const int listenerPort = ports.listener.port();
+    const int dispenserPort = ports.dispenser.port();
     Client client(kAppId, listenerPort, dispenserPort, {});
     Message thirty = outgoing(30s);
     Message five = outgoing(5s);
@@ -319,7 +329,9 @@ TEST(ClientSendTest, UnreachableNodeReportsFirstQueuedMessageWithItsContext) {
 }
 
 TEST(ClientSendTest, UnsentMessagesStayQueuedAndLeaveFirstFailedFirstOnceNodeRuns) {
-    const auto [listenerPort, dispenserPort] = releasedPorts();
+    RefusingPorts ports;
+    const int listenerPort = ports.listener.port();
+    const int dispenserPort = ports.dispenser.port();
     Client client(kAppId, listenerPort, dispenserPort, {});
     Message thirty = outgoing(30s);
     Message five = outgoing(5s);
@@ -335,6 +347,7 @@ TEST(ClientSendTest, UnsentMessagesStayQueuedAndLeaveFirstFailedFirstOnceNodeRun
     }
     ASSERT_EQ(errors.reports.size(), 1u);
 
+    ports.release();
     TestNode node(listenerPort, dispenserPort);
     ASSERT_TRUE(node.waitForDispenserPeer());
 
@@ -368,7 +381,9 @@ TEST(ClientSendTest, AckFromMessageCallbackWritesAckWithTheMessageId) {
 }
 
 TEST(ClientSendTest, AckToUnreachableNodeReportsMessageIdWithItsContext) {
-    const auto [listenerPort, dispenserPort] = releasedPorts();
+    RefusingPorts ports;
+    const int listenerPort = ports.listener.port();
+    const int dispenserPort = ports.dispenser.port();
     Client client(kAppId, listenerPort, dispenserPort, {});
     const Message message = outgoing();
 
@@ -388,10 +403,13 @@ TEST(ClientSendTest, AckToUnreachableNodeReportsMessageIdWithItsContext) {
 }
 
 TEST(ClientSendTest, FailedAckIsNeitherQueuedNorRetried) {
-    const auto [listenerPort, dispenserPort] = releasedPorts();
+    RefusingPorts ports;
+    const int listenerPort = ports.listener.port();
+    const int dispenserPort = ports.dispenser.port();
     Client client(kAppId, listenerPort, dispenserPort, {});
     const Message message = outgoing();
     EXPECT_THROW(client.sendAck(message), wxblt::Exception);
+    ports.release();
     TestNode node(listenerPort, dispenserPort);
     ASSERT_TRUE(node.waitForDispenserPeer());
 
