@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 FUZZ_SECONDS ?= 600
 
-.PHONY: all deps configure build test demo test-asan test-tsan fuzz stress clean
+.PHONY: all deps configure build test demo test-asan test-tsan fuzz stress clean bench
 
 all: build
 
@@ -55,3 +55,12 @@ stress: build
 	cd $(BUILD_DIR) && ORVIKM_STRESS=full ORVIKM_STRESS_FIGURES=$(STRESS_FIGURES) \
 		ctest --output-on-failure -L stress -j 1
 	@cat $(STRESS_FIGURES)
+
+# The micro benchmarks and orvik-bench (the library against raw libzmq, one
+# table), built in Release in a directory of their own.
+BENCH_DIR ?= build-bench
+bench: deps
+	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
+	cmake --build $(BENCH_DIR) -j $(JOBS) --target orvik-micro-bench orvik-bench
+	$(BENCH_DIR)/bench/orvik-micro-bench --benchmark_min_time=0.2
+	$(BENCH_DIR)/bench/orvik-bench

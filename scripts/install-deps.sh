@@ -7,6 +7,7 @@ packages=(
     cmake make g++ pkg-config
     libzmq3-dev uuid-dev
     libgtest-dev libgmock-dev
+    libbenchmark-dev
     clang libclang-rt-14-dev
     "$@"
 )

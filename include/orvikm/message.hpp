@@ -2,8 +2,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <orvikm/control_requests.hpp>
@@ -77,6 +79,12 @@ public:
 
     internal_objects::HeaderMap create_protocol_headers() const override;
     void handle_protocol_headers(internal_objects::HeaderMap& headers) override;
+
+    // Hands every header of Message::create_protocol_headers() to `visit`, key
+    // and value, in key order, without building the map; the texts live only
+    // for the call. The Sender writes the headers of a Message with it.
+    void visit_protocol_headers(
+        const std::function<void(std::string_view key, std::string_view value)>& visit) const;
 
 private:
     std::string msg_id;

@@ -60,6 +60,11 @@ public:
 
 private:
     void readFrame(const char* section);
+    // expectMore for the receiver's own section names, which builds the
+    // section's string only when it throws.
+    void expect_more(const char* section);
+    // receive_payload without the heap allocation of the returned pointer.
+    Payload take_payload(internal_objects::HeaderMap& headers);
 
     wxblt::Socket* socket;
     char frame[_frame_capacity];

@@ -1,7 +1,9 @@
 #include <orvikm/message.hpp>
 
-#include <cstdio>
+#include <charconv>
+#include <cstddef>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include <orvikm/errors.hpp>
@@ -29,6 +31,14 @@ std::string encodeOrigin(const std::vector<std::string>& nodes) {
         text += ',';
     }
     return text;
+}
+
+// Writes into `text` what "%u", "%d" or "%lld" would, without snprintf's
+// formatting machinery, which showed in the profile of every message sent.
+template <std::size_t Capacity, typename Integer>
+std::string_view decimal(char (&text)[Capacity], Integer value) {
+    const std::to_chars_result written = std::to_chars(text, text + Capacity, value);
+    return std::string_view(text, static_cast<std::size_t>(written.ptr - text));
 }
 
 void decodeOrigin(const std::string& text, std::vector<std::string>& nodes) {
@@ -94,16 +104,28 @@ void Message::appendOriginNode(std::string node) {
 }
 
 internal_objects::HeaderMap Message::create_protocol_headers() const {
-    internal_objects::HeaderMap headers = PayloadRequest::create_protocol_headers();
-    char number[32];
-    headers[id_key] = msg_id;
-    headers[app_id_key] = config.app_id;
-    std::snprintf(number, sizeof number, "%lld", static_cast<long long>(config.valid_for.count()));
-    headers[valid_for_key] = number;
-    std::snprintf(number, sizeof number, "%d", static_cast<int>(config.ack_mode));
-    headers[ack_mode_key] = number;
-    headers[origin_key] = encodeOrigin(origin_nodes);
+    internal_objects::HeaderMap headers;
+    // The keys come in order: each goes in at the end, without a search.
+    visit_protocol_headers([&headers](std::string_view key, std::string_view value) {
+        headers.emplace_hint(headers.end(), key, value);
+    });
     return headers;
+}
+
+void Message::visit_protocol_headers(
+    const std::function<void(std::string_view key, std::string_view value)>& visit) const {
+    char ackMode[16];
+    char size[16];
+    char validFor[24];
+    visit(ack_mode_key, decimal(ackMode, static_cast<int>(config.ack_mode)));
+    visit(app_id_key, config.app_id);
+    visit(id_key, msg_id);
+    visit(origin_key, encodeOrigin(origin_nodes));
+    // The two payload headers, as PayloadRequest::create_protocol_headers()
+    // writes them: the size as unsigned decimal, the type verbatim.
+    visit(PayloadRequest::_payload_sz_hdr_key, decimal(size, payload().size()));
+    visit(PayloadRequest::_payload_type_hdr_key, payload().type());
+    visit(valid_for_key, decimal(validFor, static_cast<long long>(config.valid_for.count())));
 }
 
 void Message::handle_protocol_headers(internal_objects::HeaderMap& headers) {

@@ -39,12 +39,12 @@ std::unique_ptr<Request> Receiver::receive() {
             throw;
         }
         if (command == Message::_wire_name) {
-            std::unique_ptr<Payload> payload = receive_payload(headers);
-            return std::make_unique<Message>(std::move(*payload), std::move(routes), headers);
+            Payload payload = take_payload(headers);
+            return std::make_unique<Message>(std::move(payload), std::move(routes), headers);
         }
         if (command == Registry::_wire_name) {
-            std::unique_ptr<Payload> payload = receive_payload(headers);
-            return std::make_unique<Registry>(std::move(*payload), headers);
+            Payload payload = take_payload(headers);
+            return std::make_unique<Registry>(std::move(payload), headers);
         }
         if (command == internal_objects::Inbox::_wire_name) {
             receive_termination();
@@ -98,13 +98,19 @@ void Receiver::expectMore(std::string section) {
     }
 }
 
+void Receiver::expect_more(const char* section) {
+    if (!socket->checkMore()) {
+        throw ProtocolError(std::string("Expected more frames. Next section: ") + section);
+    }
+}
+
 std::list<std::string> Receiver::receive_routes() {
     try {
         std::list<std::string> routes;
         readFrame("Routes");
         while (!is_delimiter_frame()) {
             routes.emplace_back(frame, frameSize);
-            expectMore("Route delimiter frame");
+            expect_more("Route delimiter frame");
             readFrame("Routes");
         }
         return routes;
@@ -115,7 +121,7 @@ std::list<std::string> Receiver::receive_routes() {
 }
 
 std::string Receiver::receive_command() {
-    expectMore("Request/Command name");
+    expect_more("Request/Command name");
     readFrame("Request/Command name");
     return std::string(frame, frameSize);
 }
@@ -123,7 +129,7 @@ std::string Receiver::receive_command() {
 HeaderMap Receiver::receive_headers() {
     try {
         HeaderMap headers;
-        expectMore("Headers");
+        expect_more("Headers");
         readFrame("Headers");
         while (!is_delimiter_frame()) {
             // Like a search in a zero-terminated string, but never past the
@@ -142,9 +148,16 @@ HeaderMap Receiver::receive_headers() {
                 throw ProtocolError(std::move(message));
             }
             frame[separator] = 0;
-            headers.insert_or_assign(std::string(frame, separator),
-                                     std::string(frame + separator + 1, frameSize - separator - 1));
-            expectMore("Header delimiter");
+            std::string key(frame, separator);
+            std::string value(frame + separator + 1, frameSize - separator - 1);
+            // Headers arrive in key order, so each normally belongs at the
+            // end; a repeated key still replaces the earlier value.
+            if (headers.empty() || headers.rbegin()->first < key) {
+                headers.emplace_hint(headers.end(), std::move(key), std::move(value));
+            } else {
+                headers.insert_or_assign(std::move(key), std::move(value));
+            }
+            expect_more("Header delimiter");
             readFrame("Headers");
         }
         return headers;
@@ -172,8 +185,12 @@ std::string take_payload_header(HeaderMap& headers, const char* key) {
 }  // namespace
 
 std::unique_ptr<Payload> Receiver::receive_payload(HeaderMap& headers) {
+    return std::make_unique<Payload>(take_payload(headers));
+}
+
+Payload Receiver::take_payload(HeaderMap& headers) {
     try {
-        expectMore("Payload");
+        expect_more("Payload");
         const unsigned long long declared =
             std::stoull(take_payload_header(headers, PayloadRequest::_payload_sz_hdr_key));
         std::string type = take_payload_header(headers, PayloadRequest::_payload_type_hdr_key);
@@ -185,9 +202,9 @@ std::unique_ptr<Payload> Receiver::receive_payload(HeaderMap& headers) {
             throw ProtocolError("Payload frame holds " + std::to_string(body.size()) +
                                 " bytes but \"p_size\" declares " + std::to_string(size));
         }
-        auto payload = std::make_unique<Payload>(size, std::move(type));
-        if (payload->size() > 0) {
-            std::memcpy(payload->getBuffer(), body.data(), payload->size());
+        Payload payload(size, std::move(type));
+        if (payload.size() > 0) {
+            std::memcpy(payload.getBuffer(), body.data(), payload.size());
         }
         if (socket->checkMore()) {
             throw ProtocolError("We don't expect more frames after the payload");
@@ -201,7 +218,7 @@ std::unique_ptr<Payload> Receiver::receive_payload(HeaderMap& headers) {
 
 void Receiver::receive_termination() {
     try {
-        expectMore("Termination frame");
+        expect_more("Termination frame");
         readFrame("Termination frame");
         if (!is_delimiter_frame()) {
             throw ProtocolError("Expected a delimiter frame for termination");

@@ -1,0 +1,729 @@
+// orvik-bench: the library's cost against raw libzmq, measured in one run
+// against one minimal node (support/bench_node.hpp).
+//
+// For each payload size it measures
+//   - send throughput: Client::send with an acknowledgement callback, from the
+//     first send until the last acknowledgement callback, against a raw
+//     DEALER that writes the same frames and reads the same acknowledgements;
+//   - receive throughput: messages published by the node and handed to
+//     onMessage, against a raw SUB that reads and decodes the same frames;
+//   - round-trip latency, send to acknowledgement callback, against a raw
+//     ping-pong with the same frames;
+//   - the process's CPU time per message, over the same throughput runs;
+//   - heap allocations per message sent and received (operator new calls on
+//     the measuring thread, counted).
+// and prints one table: row, library, raw, ratio, target.
+
+#include <sys/resource.h>
+#include <zmq.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <orvikm/orvikm.hpp>
+
+#include "support/alloc_counter.hpp"
+#include "support/bench_node.hpp"
+#include "support/raw_wire.hpp"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using orvikbench::BenchNode;
+using orvikbench::PublishFlow;
+using orvikbench::RawFrames;
+using orvikbench::threadAllocations;
+
+// The I/O loop's quiet time. Throughput is timed up to the last callback, so
+// it does not count there; between two latency samples both sides idle this
+// long.
+constexpr std::chrono::milliseconds loop_timeout{1};
+
+struct Options {
+    double seconds = 0.5;  // aimed duration of one throughput run
+    int repetitions = 7;   // throughput runs a side, the best is reported
+    std::vector<std::size_t> sizes{0, 100, 10 * 1024, 1024 * 1024};
+    // For profiling: "send", "receive" or "latency" runs only the library's
+    // side of that measurement, `count` messages a size, and prints no table;
+    // "raw-send", "raw-receive" and "raw-latency" the raw side.
+    std::string profile;
+    std::uint64_t count = 20000;
+};
+
+struct Run {
+    double seconds = 0;
+    std::uint64_t messages = 0;
+    double allocations_per_message = 0;
+    // CPU time of the whole process (all threads, the node's included) per
+    // message: less disturbed than `seconds` by other load on the machine.
+    double cpu_microseconds_per_message = 0;
+
+    double rate() const { return seconds > 0 ? static_cast<double>(messages) / seconds : 0; }
+};
+
+[[noreturn]] void fail(const std::string& what) {
+    std::fprintf(stderr, "orvik-bench: %s\n", what.c_str());
+    std::_Exit(1);
+}
+
+void failOnError(orviku::Exception& error) {
+    fail(error.describe());
+}
+
+// User and system time of the whole process so far.
+double processCpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+std::string loadAverage() {
+    std::FILE* file = std::fopen("/proc/loadavg", "r");
+    char text[64] = "unknown";
+    if (file != nullptr) {
+        if (std::fscanf(file, "%63[^ ] %*s %*s", text) != 1) {
+            std::snprintf(text, sizeof text, "unknown");
+        }
+        std::fclose(file);
+    }
+    return text;
+}
+
+double secondsBetween(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+std::string sizeText(std::size_t size) {
+    if (size >= 1024 * 1024 && size % (1024 * 1024) == 0) {
+        return std::to_string(size / (1024 * 1024)) + " MiB";
+    }
+    if (size >= 1024 && size % 1024 == 0) {
+        return std::to_string(size / 1024) + " KiB";
+    }
+    return std::to_string(size) + " B";
+}
+
+std::string localhost(int port) {
+    return "tcp://localhost:" + std::to_string(port);
+}
+
+std::unique_ptr<orvikm::Client> newClient(const BenchNode& node, bool subscribe) {
+    std::vector<std::string> topics;
+    if (subscribe) {
+        topics.emplace_back(orvikbench::bench_topic);
+    }
+    return std::make_unique<orvikm::Client>(std::string(orvikbench::bench_app_id),
+                                            node.listenerPort(), node.dispenserPort(),
+                                            std::move(topics));
+}
+
+// A payload over the benchmark's one body buffer, which it does not own: the
+// measured cost is the library's, not that of filling a buffer per message.
+orvikm::Payload sharedPayload(std::vector<char>& body) {
+    return orvikm::Payload(body.data(), static_cast<unsigned>(body.size()),
+                           std::string(orvikbench::bench_payload_type), nullptr);
+}
+
+// Ends the program when one measurement takes far longer than it should:
+// `make bench` must never hang on a lost message. The deadline lives outside
+// the object: the watching thread is never joined and outlives main().
+std::atomic<std::int64_t> watchdog_deadline_s{0};
+
+class Watchdog {
+public:
+    Watchdog() {
+        std::thread([] {
+            for (;;) {
+                std::this_thread::sleep_for(std::chrono::seconds(1));
+                const std::int64_t deadline = watchdog_deadline_s.load();
+                if (deadline != 0 && secondsNow() > deadline) {
+                    fail("a measurement did not finish within two minutes");
+                }
+            }
+        }).detach();
+    }
+
+    // Gives the next measurement two minutes.
+    void arm() { watchdog_deadline_s.store(secondsNow() + 120); }
+
+private:
+    static std::int64_t secondsNow() {
+        return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch())
+            .count();
+    }
+};
+
+// ---- raw libzmq sockets ---------------------------------------------------
+
+class RawSocket {
+public:
+    RawSocket(void* context, int type) : _handle(zmq_socket(context, type)) {
+        if (_handle == nullptr) {
+            fail("zmq_socket failed");
+        }
+        setInt(ZMQ_LINGER, 0);
+    }
+    RawSocket(const RawSocket&) = delete;
+    RawSocket& operator=(const RawSocket&) = delete;
+    ~RawSocket() { zmq_close(_handle); }
+
+    void setInt(int option, int value) {
+        if (zmq_setsockopt(_handle, option, &value, sizeof value) != 0) {
+            fail("zmq_setsockopt failed");
+        }
+    }
+    void setBytes(int option, std::string_view value) {
+        if (zmq_setsockopt(_handle, option, value.data(), value.size()) != 0) {
+            fail("zmq_setsockopt failed");
+        }
+    }
+    void connect(const std::string& endpoint) {
+        if (zmq_connect(_handle, endpoint.c_str()) != 0) {
+            fail("zmq_connect failed");
+        }
+    }
+    void* handle() const { return _handle; }
+
+private:
+    void* _handle;
+};
+
+// A DEALER set up as the client sets up its dispenser: same identity, no
+// queueing for a node that is not connected yet, no queue limits.
+std::unique_ptr<RawSocket> rawDealer(void* context, const BenchNode& node) {
+    auto dealer = std::make_unique<RawSocket>(context, ZMQ_DEALER);
+    dealer->setBytes(ZMQ_ROUTING_ID, std::string(orvikbench::bench_app_id) + "|disp");
+    dealer->setInt(ZMQ_IMMEDIATE, 1);
+    dealer->setInt(ZMQ_SNDHWM, 0);
+    dealer->setInt(ZMQ_RCVHWM, 0);
+    dealer->connect(localhost(node.dispenserPort()));
+    return dealer;
+}
+
+bool isAck(const RawFrames& frames) {
+    return frames.count() == 5 && frames[1] == "ACK" && frames[2].substr(0, 7) == "msg_id|";
+}
+
+// ---- send throughput ------------------------------------------------------
+
+Run librarySend(const BenchNode& node, std::uint64_t count, std::size_t size) {
+    const std::unique_ptr<orvikm::Client> client = newClient(node, false);
+    std::vector<char> body(size, 'x');
+    struct Acks {
+        orvikm::Client* client;
+        std::uint64_t expected;
+        std::uint64_t received;
+        Clock::time_point last;
+    } acks{client.get(), count, 0, {}};
+    Acks* state = &acks;
+
+    const std::uint64_t allocationsBefore = threadAllocations();
+    const Clock::time_point start = Clock::now();
+    for (std::uint64_t i = 0; i < count; ++i) {
+        client->send(
+            sharedPayload(body), {std::string(orvikbench::bench_topic)},
+            std::chrono::seconds(orvikbench::bench_valid_for_seconds),
+            [state] {
+                if (++state->received == state->expected) {
+                    state->last = Clock::now();
+                    state->client->terminate();
+                }
+            },
+            orvikm::Message::AckMode::ByNode);
+    }
+    client->blockThreadForIO(failOnError, loop_timeout);
+    const std::uint64_t allocations = threadAllocations() - allocationsBefore;
+    if (acks.received != count) {
+        fail("library send: " + std::to_string(acks.received) + " of " + std::to_string(count) +
+             " acknowledgements");
+    }
+    return {secondsBetween(start, acks.last), count,
+            static_cast<double>(allocations) / static_cast<double>(count)};
+}
+
+// Writes every message, then reads every acknowledgement: the order in which
+// one pass of the client's I/O loop works through a full queue.
+Run rawSend(void* context, const BenchNode& node, std::uint64_t count, std::size_t size) {
+    const std::unique_ptr<RawSocket> dealer = rawDealer(context, node);
+    std::vector<char> body(size, 'x');
+    RawFrames frames;
+    char id[36];
+    orvikbench::RawMessage message;
+    message.id = std::string_view(id, sizeof id);
+    message.payload = body.data();
+    message.payload_size = size;
+
+    const std::uint64_t allocationsBefore = threadAllocations();
+    const Clock::time_point start = Clock::now();
+    for (std::uint64_t i = 0; i < count; ++i) {
+        orvikbench::formatCounterId(i + 1, id);
+        orvikbench::sendMessage(dealer->handle(), message, false);
+    }
+    std::uint64_t received = 0;
+    while (received < count) {
+        frames.receive(dealer->handle());
+        if (isAck(frames)) {
+            ++received;
+        }
+    }
+    const Clock::time_point end = Clock::now();
+    const std::uint64_t allocations = threadAllocations() - allocationsBefore;
+    return {secondsBetween(start, end), count,
+            static_cast<double>(allocations) / static_cast<double>(count)};
+}
+
+// ---- receive throughput ---------------------------------------------------
+
+// At most this many published messages are unconsumed: at most 1000 and at
+// most 32 MiB, since none of the queues on the way is limited.
+std::uint64_t publishWindow(std::size_t size) {
+    return std::clamp<std::uint64_t>((32u << 20) / std::max<std::size_t>(size, 1), 8, 1000);
+}
+
+Run libraryReceive(BenchNode& node, std::uint64_t count, std::size_t size) {
+    const std::unique_ptr<orvikm::Client> client = newClient(node, true);
+    PublishFlow flow;
+    struct Consumer {
+        orvikm::Client* client;
+        PublishFlow* flow;
+        std::uint64_t expected;
+        std::uint64_t received;
+        std::uint64_t allocations_at_first;
+        std::uint64_t allocations_at_last;
+        Clock::time_point last;
+    } consumer{client.get(), &flow, count, 0, 0, 0, {}};
+    Consumer* state = &consumer;
+    client->onMessage([state](std::unique_ptr<orvikm::Message> message) {
+        if (message->payload().type() == orvikbench::warmup_payload_type) {
+            state->flow->ready.store(true, std::memory_order_release);
+            return;
+        }
+        const std::uint64_t received = ++state->received;
+        if (received == 1) {
+            state->allocations_at_first = threadAllocations();
+        }
+        state->flow->consumed.store(received, std::memory_order_release);
+        if (received == state->expected) {
+            state->last = Clock::now();
+            state->allocations_at_last = threadAllocations();
+            state->client->terminate();
+        }
+    });
+
+    std::thread publisher([&] {
+        node.publish(flow, count, size, publishWindow(size));
+        // A message lost on the way would leave the loop waiting for ever.
+        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+        while (flow.consumed.load() < count && Clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        client->terminate();
+    });
+    client->blockThreadForIO(failOnError, loop_timeout);
+    flow.abort.store(true);
+    publisher.join();
+    if (consumer.received != count) {
+        fail("library receive: " + std::to_string(consumer.received) + " of " +
+             std::to_string(count) + " messages");
+    }
+    const Clock::time_point start{std::chrono::nanoseconds(flow.start_ns.load())};
+    const double perMessage =
+        count > 1
+            ? static_cast<double>(consumer.allocations_at_last - consumer.allocations_at_first) /
+                  static_cast<double>(count - 1)
+            : 0;
+    return {secondsBetween(start, consumer.last), count, perMessage};
+}
+
+Run rawReceive(void* context, BenchNode& node, std::uint64_t count, std::size_t size) {
+    RawSocket subscriber(context, ZMQ_SUB);
+    // As the client sets up its listener: no queue limit.
+    subscriber.setInt(ZMQ_RCVHWM, 0);
+    subscriber.setBytes(ZMQ_SUBSCRIBE, orvikbench::bench_topic);
+    subscriber.setInt(ZMQ_RCVTIMEO, 10000);
+    subscriber.connect(localhost(node.listenerPort()));
+    PublishFlow flow;
+    std::thread publisher([&] { node.publish(flow, count, size, publishWindow(size)); });
+
+    RawFrames frames;
+    orvikbench::DecodedMessage decoded;
+    std::vector<char> payload;
+    std::uint64_t received = 0;
+    std::uint64_t allocationsAtFirst = 0;
+    while (received < count) {
+        if (!frames.receive(subscriber.handle())) {
+            flow.abort.store(true);
+            publisher.join();
+            fail("raw receive: no message for 10 s");
+        }
+        if (frames.count() < 2 || !orvikbench::decodeRequest(frames, 1, decoded, payload)) {
+            flow.abort.store(true);
+            publisher.join();
+            fail("raw receive: a malformed message");
+        }
+        if (decoded.payload_type == orvikbench::warmup_payload_type) {
+            flow.ready.store(true, std::memory_order_release);
+            continue;
+        }
+        if (++received == 1) {
+            allocationsAtFirst = threadAllocations();
+        }
+        flow.consumed.store(received, std::memory_order_release);
+    }
+    const Clock::time_point end = Clock::now();
+    const std::uint64_t allocations = threadAllocations() - allocationsAtFirst;
+    publisher.join();
+    const Clock::time_point start{std::chrono::nanoseconds(flow.start_ns.load())};
+    return {secondsBetween(start, end), count,
+            count > 1 ? static_cast<double>(allocations) / static_cast<double>(count - 1) : 0};
+}
+
+// ---- round-trip latency ---------------------------------------------------
+
+// Each sample: send one message, run the loop until its acknowledgement
+// callback has run. The loop then idles loop_timeout before it returns.
+void libraryLatency(const BenchNode& node, std::size_t samples, std::size_t size,
+                    std::vector<double>& microseconds) {
+    const std::unique_ptr<orvikm::Client> client = newClient(node, false);
+    std::vector<char> body(size, 'x');
+    struct Ack {
+        orvikm::Client* client;
+        bool seen;
+        Clock::time_point at;
+    } ack{client.get(), false, {}};
+    Ack* state = &ack;
+    constexpr std::size_t warmups = 5;
+    for (std::size_t i = 0; i < samples + warmups; ++i) {
+        ack.seen = false;
+        const Clock::time_point sent = Clock::now();
+        client->send(
+            sharedPayload(body), {std::string(orvikbench::bench_topic)},
+            std::chrono::seconds(orvikbench::bench_valid_for_seconds),
+            [state] {
+                state->at = Clock::now();
+                state->seen = true;
+                state->client->terminate();
+            },
+            orvikm::Message::AckMode::ByNode);
+        client->blockThreadForIO(failOnError, loop_timeout);
+        if (!ack.seen) {
+            fail("library latency: no acknowledgement");
+        }
+        if (i >= warmups) {
+            microseconds.push_back(
+                std::chrono::duration<double, std::micro>(ack.at - sent).count());
+        }
+    }
+}
+
+void rawLatency(void* context, const BenchNode& node, std::size_t samples, std::size_t size,
+                std::vector<double>& microseconds) {
+    const std::unique_ptr<RawSocket> dealer = rawDealer(context, node);
+    std::vector<char> body(size, 'x');
+    RawFrames frames;
+    char id[36];
+    orvikbench::RawMessage message;
+    message.id = std::string_view(id, sizeof id);
+    message.payload = body.data();
+    message.payload_size = size;
+    zmq_pollitem_t quiet{dealer->handle(), 0, ZMQ_POLLIN, 0};
+    constexpr std::size_t warmups = 5;
+    for (std::size_t i = 0; i < samples + warmups; ++i) {
+        orvikbench::formatCounterId(i + 1, id);
+        const Clock::time_point sent = Clock::now();
+        orvikbench::sendMessage(dealer->handle(), message, false);
+        do {
+            frames.receive(dealer->handle());
+        } while (!isAck(frames));
+        const Clock::time_point at = Clock::now();
+        if (i >= warmups) {
+            microseconds.push_back(std::chrono::duration<double, std::micro>(at - sent).count());
+        }
+        zmq_poll(&quiet, 1, static_cast<long>(loop_timeout.count()));
+    }
+}
+
+// ---- reporting --------------------------------------------------------------
+
+// Runs one measurement and adds the process's CPU time per message to it.
+template <typename Measurement>
+Run timed(Measurement measurement) {
+    const double cpuBefore = processCpuSeconds();
+    Run run = measurement();
+    run.cpu_microseconds_per_message =
+        1e6 * (processCpuSeconds() - cpuBefore) / static_cast<double>(run.messages);
+    return run;
+}
+
+double percentile(std::vector<double> values, double fraction) {
+    if (values.empty()) {
+        return 0;
+    }
+    std::sort(values.begin(), values.end());
+    const auto rank = static_cast<std::size_t>(std::ceil(fraction * values.size()));
+    return values[std::clamp<std::size_t>(rank, 1, values.size()) - 1];
+}
+
+struct Row {
+    std::string name;
+    double library;
+    double raw;
+    // Negative: no ratio.
+    double ratio;
+    // Empty: no target. ">=" or "<=" with the bound: the ratio's target.
+    std::string comparison = "";
+    double bound = 0;
+};
+
+void printTable(const std::vector<Row>& rows) {
+    std::printf("%-34s %14s %14s %8s   %s\n", "row", "library", "raw", "ratio", "target");
+    for (const Row& row : rows) {
+        char ratio[16] = "-";
+        char target[32] = "-";
+        if (row.ratio >= 0) {
+            std::snprintf(ratio, sizeof ratio, "%.2f", row.ratio);
+            if (!row.comparison.empty()) {
+                const bool met =
+                    row.comparison == ">=" ? row.ratio >= row.bound : row.ratio <= row.bound;
+                std::snprintf(target, sizeof target, "%s %.2f %s", row.comparison.c_str(),
+                              row.bound, met ? "met" : "MISSED");
+            }
+        }
+        const char* format = row.library >= 1000 ? "%-34s %14.0f %14.0f %8s   %s\n"
+                                                 : "%-34s %14.2f %14.2f %8s   %s\n";
+        std::printf(format, row.name.c_str(), row.library, row.raw, ratio, target);
+    }
+}
+
+Options parseOptions(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--seconds" && i + 1 < argc) {
+            options.seconds = std::atof(argv[++i]);
+        } else if (argument == "--repetitions" && i + 1 < argc) {
+            options.repetitions = std::max(1, std::atoi(argv[++i]));
+        } else if (argument == "--sizes" && i + 1 < argc) {
+            options.sizes.clear();
+            for (const char* text = argv[++i]; *text != 0;) {
+                char* end = nullptr;
+                options.sizes.push_back(std::strtoull(text, &end, 10));
+                text = *end == ',' ? end + 1 : end;
+                if (end == text && *text != 0) {
+                    fail("--sizes takes numbers separated by commas");
+                }
+            }
+        } else if (argument == "--profile" && i + 1 < argc) {
+            options.profile = argv[++i];
+        } else if (argument == "--count" && i + 1 < argc) {
+            options.count = std::max<std::uint64_t>(1, std::strtoull(argv[++i], nullptr, 10));
+        } else {
+            std::printf(
+                "usage: orvik-bench [--seconds S] [--repetitions N] [--sizes B,B,...]\n"
+                "       orvik-bench --profile KIND [--count N] [--sizes ...]\n"
+                "  --seconds      aimed duration of one throughput run (default 0.5)\n"
+                "  --repetitions  throughput runs a side; the best is reported (default 7)\n"
+                "  --sizes        payload sizes in bytes (default 0,100,10240,1048576)\n"
+                "  --profile      one side of one measurement, for a profiler: send, receive,\n"
+                "                 latency (the library's), raw-send, raw-receive, raw-latency;\n"
+                "                 N messages\n"
+                "                 (default 20000) a size, no table\n");
+            std::exit(argument == "--help" ? 0 : 2);
+        }
+    }
+    return options;
+}
+
+// Messages for a run of about `seconds` at `rate`, at most `most`.
+std::uint64_t countFor(double rate, double seconds, std::uint64_t most) {
+    return std::clamp<std::uint64_t>(static_cast<std::uint64_t>(rate * seconds), 100, most);
+}
+
+// A send run queues every message before the loop writes the first, and the
+// client's queue and acknowledgement table get slower the more they hold: a
+// run sends at most this many, so that every size is measured at about the
+// same depth.
+constexpr std::uint64_t most_queued = 50'000;
+constexpr std::uint64_t most_received = 1'000'000;
+
+// The best of the repetitions of a comparison, for each side: other load on
+// the machine only ever slows a run down, so the fastest run of each side is
+// the least disturbed measure of it. Ratios are taken between the bests.
+struct Comparison {
+    double library_rate = 0;
+    double raw_rate = 0;
+    double library_cpu = 0;
+    double raw_cpu = 0;
+    double library_allocations = 0;
+    double raw_allocations = 0;
+};
+
+// Runs `library` and `raw` as pairs, `repetitions` times, each side first
+// every other time.
+template <typename Library, typename Raw>
+Comparison compare(Watchdog& watchdog, int repetitions, Library library, Raw raw) {
+    Comparison best;
+    best.library_cpu = best.raw_cpu = std::numeric_limits<double>::max();
+    const auto keep = [](const Run& run, double& rate, double& cpu, double& allocations) {
+        rate = std::max(rate, run.rate());
+        cpu = std::min(cpu, run.cpu_microseconds_per_message);
+        allocations = run.allocations_per_message;
+    };
+    for (int i = 0; i < repetitions; ++i) {
+        watchdog.arm();
+        Run libraryRun, rawRun;
+        if (i % 2 == 0) {
+            libraryRun = timed(library);
+            rawRun = timed(raw);
+        } else {
+            rawRun = timed(raw);
+            libraryRun = timed(library);
+        }
+        keep(libraryRun, best.library_rate, best.library_cpu, best.library_allocations);
+        keep(rawRun, best.raw_rate, best.raw_cpu, best.raw_allocations);
+    }
+    return best;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Options options = parseOptions(argc, argv);
+    orvikbench::fixAllocatorThresholds();
+    void* context = zmq_ctx_new();
+    BenchNode node;
+    Watchdog watchdog;
+
+    if (!options.profile.empty()) {
+        for (const std::size_t size : options.sizes) {
+            Run run;
+            std::vector<double> microseconds;
+            if (options.profile == "send") {
+                run = librarySend(node, options.count, size);
+            } else if (options.profile == "receive") {
+                run = libraryReceive(node, options.count, size);
+            } else if (options.profile == "raw-send") {
+                run = rawSend(context, node, options.count, size);
+            } else if (options.profile == "raw-receive") {
+                run = rawReceive(context, node, options.count, size);
+            } else if (options.profile == "latency" || options.profile == "raw-latency") {
+                if (options.profile == "latency") {
+                    libraryLatency(node, options.count, size, microseconds);
+                } else {
+                    rawLatency(context, node, options.count, size, microseconds);
+                }
+                std::printf("%s %s: p50 %.1f us, p99 %.1f us\n", options.profile.c_str(),
+                            sizeText(size).c_str(), percentile(microseconds, 0.5),
+                            percentile(microseconds, 0.99));
+                continue;
+            } else {
+                fail(
+                    "--profile takes send, receive, latency, raw-send, raw-receive or raw-latency");
+            }
+            std::printf("%s %s: %.0f msg/s, %.1f allocations a message\n", options.profile.c_str(),
+                        sizeText(size).c_str(), run.rate(), run.allocations_per_message);
+        }
+        zmq_ctx_term(context);
+        return 0;
+    }
+
+    const std::string loadBefore = loadAverage();
+    std::printf(
+        "orvik-bench: orvikm against raw libzmq, same node, same run (%u cores).\n"
+        "Throughput: the best of %d runs a side of about %.1f s, library and raw alternating;\n"
+        "CPU: the least process CPU time per message (all threads) of those runs; latency:\n"
+        "round trips in eight alternating chunks a side; allocations: operator new calls per\n"
+        "message on the measuring thread. Ratios are library / raw.\n\n",
+        std::thread::hardware_concurrency(), options.repetitions, options.seconds);
+    std::fflush(stdout);
+
+    std::vector<Row> throughput, cpu, latency, allocations;
+    const auto addThroughput = [&](const std::string& what, const Comparison& result,
+                                   std::size_t size) {
+        const std::string label = what + " " + sizeText(size);
+        const bool targeted = size >= 100;
+        throughput.push_back({label + " [msg/s]", result.library_rate, result.raw_rate,
+                              result.library_rate / result.raw_rate, targeted ? ">=" : "",
+                              size >= 10 * 1024 ? 0.95 : 0.85});
+        cpu.push_back({label + " [CPU us/msg]", result.library_cpu, result.raw_cpu,
+                       result.library_cpu / result.raw_cpu});
+        allocations.push_back(
+            {"allocs/msg " + label, result.library_allocations, result.raw_allocations, -1});
+    };
+    for (const std::size_t size : options.sizes) {
+        const std::string label = sizeText(size);
+        const std::uint64_t probe =
+            std::clamp<std::uint64_t>((16u << 20) / std::max<std::size_t>(size, 1), 50, 20000);
+
+        watchdog.arm();
+        const std::uint64_t sendCount =
+            countFor(rawSend(context, node, probe, size).rate(), options.seconds, most_queued);
+        addThroughput(
+            "send",
+            compare(
+                watchdog, options.repetitions, [&] { return librarySend(node, sendCount, size); },
+                [&] { return rawSend(context, node, sendCount, size); }),
+            size);
+
+        watchdog.arm();
+        const std::uint64_t receiveCount =
+            countFor(rawReceive(context, node, probe, size).rate(), options.seconds, most_received);
+        addThroughput("receive",
+                      compare(
+                          watchdog, options.repetitions,
+                          [&] { return libraryReceive(node, receiveCount, size); },
+                          [&] { return rawReceive(context, node, receiveCount, size); }),
+                      size);
+
+        const std::size_t samples = size >= 1024 * 1024 ? 300 : 800;
+        std::vector<double> libraryMicros, rawMicros;
+        for (int chunk = 0; chunk < 8; ++chunk) {
+            watchdog.arm();
+            libraryLatency(node, samples / 8, size, libraryMicros);
+            rawLatency(context, node, samples / 8, size, rawMicros);
+        }
+        const double libraryP50 = percentile(libraryMicros, 0.5);
+        const double rawP50 = percentile(rawMicros, 0.5);
+        const double libraryP99 = percentile(libraryMicros, 0.99);
+        const double rawP99 = percentile(rawMicros, 0.99);
+        latency.push_back(
+            {"latency p50 " + label + " [us]", libraryP50, rawP50, libraryP50 / rawP50, "<=", 1.2});
+        latency.push_back(
+            {"latency p99 " + label + " [us]", libraryP99, rawP99, libraryP99 / rawP99});
+
+        std::fprintf(stderr, "orvik-bench: %s done (%llu sent, %llu received a run)\n",
+                     label.c_str(), static_cast<unsigned long long>(sendCount),
+                     static_cast<unsigned long long>(receiveCount));
+    }
+
+    std::vector<Row> rows;
+    for (const auto* group : {&throughput, &cpu, &latency, &allocations}) {
+        rows.insert(rows.end(), group->begin(), group->end());
+    }
+    printTable(rows);
+    std::printf("\nload average (1 min): %s before, %s after\n", loadBefore.c_str(),
+                loadAverage().c_str());
+    std::fflush(stdout);
+    // The clients' sockets are closed; the shared context of the library is
+    // left for the process's exit, as the library intends.
+    zmq_ctx_term(context);
+    return 0;
+}
