@@ -251,6 +251,31 @@ std::vector<std::string> handMade(int index, const std::vector<std::string>& rou
                                       numbered(static_cast<std::size_t>(index)), routes);
 }
 
+// Runs the loop of a client that a burst was written to while its loop was
+// not running, and checks that every message of it arrives exactly once.
+// The figure reads: burst, `written`, the writing time, `how`, the outcome.
+void receiveWholeBurst(Client& receiver, DeliveryBook& delivered, int burst,
+                       Clock::time_point writeStart, const char* written, const char* how) {
+    const auto loopStart = Clock::now();
+    AppLoop loop(receiver);
+    const bool allDelivered = delivered.waitForTotal(burst, scale().burstLimit);
+    const auto deliveredAt = Clock::now();
+    std::this_thread::sleep_for(kLinger);
+    ASSERT_TRUE(loop.stop());
+
+    EXPECT_TRUE(allDelivered) << delivered.total() << " of " << burst;
+    const auto [missing, duplicated] = delivered.missingAndDuplicated();
+    EXPECT_EQ(missing, 0);
+    EXPECT_EQ(duplicated, 0);
+    expectNoErrors(loop);
+
+    std::ostringstream text;
+    text << burst << written << msBetween(writeStart, loopStart) << how << "delivered "
+         << delivered.total() << " (missing " << missing << ", duplicated " << duplicated << ") "
+         << msBetween(loopStart, deliveredAt) << " ms after the loop started";
+    figure("burst", text.str());
+}
+
 TEST(BurstTest, BurstOnDispenserWhileTheLoopIsNotRunningIsDeliveredWhole) {
     const int burst = scale().burst;
     // A router that keeps ZeroMQ's default limits drops, silently, what does
@@ -283,25 +308,10 @@ TEST(BurstTest, BurstOnDispenserWhileTheLoopIsNotRunningIsDeliveredWhole) {
             std::this_thread::sleep_for(kPublishPause);
         }
     }
-    const auto loopStart = Clock::now();
-    AppLoop loop(receiver);
-    const bool allDelivered = delivered.waitForTotal(burst, scale().burstLimit);
-    const auto deliveredAt = Clock::now();
-    std::this_thread::sleep_for(kLinger);
-    ASSERT_TRUE(loop.stop());
-
-    EXPECT_TRUE(allDelivered) << delivered.total() << " of " << burst;
-    const auto [missing, duplicated] = delivered.missingAndDuplicated();
-    EXPECT_EQ(missing, 0);
-    EXPECT_EQ(duplicated, 0);
-    expectNoErrors(loop);
-
-    std::ostringstream text;
-    text << burst << " messages written to the dispenser in " << msBetween(sendStart, loopStart)
-         << " ms by a router with ZeroMQ's default limits while the loop was not running: "
-         << "delivered " << delivered.total() << " (missing " << missing << ", duplicated "
-         << duplicated << ") " << msBetween(loopStart, deliveredAt) << " ms after the loop started";
-    figure("burst", text.str());
+    receiveWholeBurst(receiver, delivered, burst, sendStart,
+                      " messages written to the dispenser in ",
+                      " ms by a router with ZeroMQ's default limits while the loop was not "
+                      "running: ");
 }
 
 TEST(BurstTest, BurstPublishedWhileTheLoopIsNotRunningIsDeliveredWhole) {
@@ -324,25 +334,9 @@ TEST(BurstTest, BurstPublishedWhileTheLoopIsNotRunningIsDeliveredWhole) {
             std::this_thread::sleep_for(kPublishPause);
         }
     }
-    const auto loopStart = Clock::now();
-    AppLoop loop(receiver);
-    const bool allDelivered = delivered.waitForTotal(burst, scale().burstLimit);
-    const auto deliveredAt = Clock::now();
-    std::this_thread::sleep_for(kLinger);
-    ASSERT_TRUE(loop.stop());
-
-    EXPECT_TRUE(allDelivered) << delivered.total() << " of " << burst;
-    const auto [missing, duplicated] = delivered.missingAndDuplicated();
-    EXPECT_EQ(missing, 0);
-    EXPECT_EQ(duplicated, 0);
-    expectNoErrors(loop);
-
-    std::ostringstream text;
-    text << burst << " messages published in " << msBetween(publishStart, loopStart)
-         << " ms by a publisher with ZeroMQ's default limits while the loop was not running: "
-         << "delivered " << delivered.total() << " (missing " << missing << ", duplicated "
-         << duplicated << ") " << msBetween(loopStart, deliveredAt) << " ms after the loop started";
-    figure("burst", text.str());
+    receiveWholeBurst(receiver, delivered, burst, publishStart, " messages published in ",
+                      " ms by a publisher with ZeroMQ's default limits while the loop was not "
+                      "running: ");
 }
 
 }  // namespace
