@@ -5,6 +5,10 @@ CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 FUZZ_SECONDS ?= 600
+COMMA := ,
+
+# What `make demo` runs: the development node and the examples.
+DEMO_TARGETS = orvik-devnode sender receiver registry_watcher readme_example
 
 .PHONY: all deps configure build test demo test-asan test-tsan fuzz stress clean bench
 
@@ -13,8 +17,17 @@ all: build
 deps:
 	@scripts/install-deps.sh
 
+# $(call configure_once,DIR,OPTIONS): configures DIR with OPTIONS and
+# CMAKE_FLAGS unless DIR already holds a configured build. Once configured,
+# `cmake --build` configures again by itself when a CMakeLists.txt changes;
+# CMAKE_FLAGS given on the command line configure again too.
+configure_once = @if [ ! -f $(1)/cmake_install.cmake ] || [ -n "$(strip $(CMAKE_FLAGS))" ]; then \
+		echo "cmake -S . -B $(1) $(strip $(2) $(CMAKE_FLAGS))"; \
+		cmake -S . -B $(1) $(2) $(CMAKE_FLAGS); \
+	fi
+
 configure: deps
-	cmake -S . -B $(BUILD_DIR) $(CMAKE_FLAGS)
+	$(call configure_once,$(BUILD_DIR))
 
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
@@ -22,19 +35,20 @@ build: configure
 test: build
 	cd $(BUILD_DIR) && ctest $(CTEST_FLAGS)
 
-demo: build
+demo: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target $(DEMO_TARGETS)
 	scripts/demo.sh $(BUILD_DIR)
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer (with
 # leak detection), and under ThreadSanitizer.
 test-asan: deps
-	cmake -S . -B build-asan -DORVIKM_SANITIZE=address,undefined $(CMAKE_FLAGS)
+	$(call configure_once,build-asan,-DORVIKM_SANITIZE=address$(COMMA)undefined)
 	cmake --build build-asan -j $(JOBS)
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
 
 test-tsan: deps
-	cmake -S . -B build-tsan -DORVIKM_SANITIZE=thread $(CMAKE_FLAGS)
+	$(call configure_once,build-tsan,-DORVIKM_SANITIZE=thread)
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 		ctest $(CTEST_FLAGS)
@@ -60,7 +74,7 @@ stress: build
 # table), built in Release in a directory of their own.
 BENCH_DIR ?= build-bench
 bench: deps
-	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
+	$(call configure_once,$(BENCH_DIR),-DCMAKE_BUILD_TYPE=Release)
 	cmake --build $(BENCH_DIR) -j $(JOBS) --target orvik-micro-bench orvik-bench
 	$(BENCH_DIR)/bench/orvik-micro-bench --benchmark_min_time=0.2
 	$(BENCH_DIR)/bench/orvik-bench
