@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing need, when they are
-# missing. Runs apt-get only as root; otherwise it names what is missing.
+# Installs the Debian packages that building, testing, the API reference and
+# the Debian packages need, when they are missing. Extra package names may be
+# given as arguments. Runs apt-get only as root; otherwise it names what is
+# missing.
 set -euo pipefail
 
 packages=(
@@ -9,6 +11,8 @@ packages=(
     libgtest-dev libgmock-dev
     libbenchmark-dev
     clang libclang-rt-14-dev
+    doxygen
+    dpkg-dev file
     "$@"
 )
 
@@ -27,9 +31,38 @@ if [ "$(id -u)" -ne 0 ]; then
     exit 1
 fi
 
-echo "Installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-if ! apt-get install -y --no-install-recommends "${missing[@]}"; then
-    apt-get update
-    apt-get install -y --no-install-recommends "${missing[@]}"
+
+# Why the package lists need refreshing before installing, or nothing when
+# they are there, recent, and know every missing package.
+lists_need_update() {
+    local lists=/var/lib/apt/lists
+    if ! compgen -G "$lists/*_Packages*" >/dev/null; then
+        echo "no package lists yet (a fresh machine or container)"
+        return
+    fi
+    if [ -n "$(find "$lists" -maxdepth 1 -name '*_Packages*' -mtime +7 -print -quit)" ]; then
+        echo "the package lists are more than a week old"
+        return
+    fi
+    local p
+    for p in "${missing[@]}"; do
+        if ! apt-cache policy "$p" 2>/dev/null | grep -q 'Candidate: [^(]'; then
+            echo "the package lists do not know $p"
+            return
+        fi
+    done
+}
+
+reason=$(lists_need_update)
+if [ -n "$reason" ]; then
+    echo "Updating the package lists first: $reason (apt-get update, about a minute)"
+    apt-get update -q
+fi
+
+echo "Installing ${#missing[@]} missing packages (a few minutes on a fresh machine): ${missing[*]}"
+if ! apt-get install -y -q --no-install-recommends "${missing[@]}"; then
+    echo "Installing failed; updating the package lists and trying once more"
+    apt-get update -q
+    apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
