@@ -14,6 +14,22 @@ trap cleanup EXIT
 
 step() { printf '\n== %s\n' "$*"; }
 
+# Clients connect to tcp://localhost:PORT; the node listens on 127.0.0.1.
+step "Checking that localhost resolves"
+if ! localhost_address=$(getent ahostsv4 localhost | awk '{print $1; exit}') ||
+    [ -z "$localhost_address" ]; then
+    echo "localhost does not resolve on this machine, so no client can reach the node"
+    echo "(every client would report \"Resource temporarily unavailable ... not available\")."
+    echo "Add the line \"127.0.0.1 localhost\" to /etc/hosts and run again."
+    exit 1
+fi
+if [ "$localhost_address" != 127.0.0.1 ]; then
+    echo "localhost is $localhost_address here, but the node listens on 127.0.0.1 only."
+    echo "Make /etc/hosts say \"127.0.0.1 localhost\" and run again."
+    exit 1
+fi
+echo "localhost is 127.0.0.1"
+
 step "Starting orvik-devnode on free ports"
 "$build_dir/tools/orvik-devnode/orvik-devnode" --verbose >"$work/node.log" 2>&1 &
 node_pid=$!
