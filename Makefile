@@ -10,7 +10,7 @@ COMMA := ,
 # What `make demo` runs: the development node and the examples.
 DEMO_TARGETS = orvik-devnode sender receiver registry_watcher readme_example
 
-.PHONY: all deps configure build test demo test-asan test-tsan fuzz stress clean bench
+.PHONY: all deps configure build test demo docs test-asan test-tsan fuzz stress clean bench
 
 all: build
 
@@ -38,6 +38,11 @@ test: build
 demo: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target $(DEMO_TARGETS)
 	scripts/demo.sh $(BUILD_DIR)
+
+# The API reference, in $(BUILD_DIR)/docs/html; fails on any public name
+# without documentation.
+docs: configure
+	cmake --build $(BUILD_DIR) --target docs
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer (with
 # leak detection), and under ThreadSanitizer.
