@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -33,7 +34,15 @@ namespace orvikm {
 // queues. The thread that calls blockThreadForIO becomes the I/O thread: it
 // alone touches the sockets, writes what is queued, and runs every callback
 // (message, registry, acknowledgement, error handler). terminate() from any
-// thread ends that loop.
+// thread ends that loop. Only one I/O loop runs at a time: blockThreadForIO or
+// check entered while one runs, from another thread or from inside a
+// callback, is refused.
+//
+// An application id names one running instance. The node tells the
+// connections of its clients apart by identity (appId + "|disp"): while a
+// client with that identity is connected, a second one with the same id is
+// not let in, and what it writes is lost without an acknowledgement or an
+// error (its writes do not fail; its acknowledgement callbacks never run).
 //
 // A client must stay where it was constructed: it is neither copied nor moved.
 class Client {
@@ -110,10 +119,17 @@ public:
         std::mutex _term_lock;
     };
 
+    // The longest application id: its header line "app_id|<id>" must fit the
+    // node's 100-byte frames.
+    static constexpr std::size_t _max_app_id_size = 93;
+
     // Creates both sockets with the identities appId + "|lstn" and
     // appId + "|disp", subscribes the listener to every topic given (none
     // means it receives nothing) and connects both to "tcp://localhost:PORT".
     // Sends nothing: a node that is not running is noticed at the first write.
+    // Throws orvikm::Exception, naming the value, for an application id longer
+    // than 93 bytes or a port outside 1..65535 (with the context of the
+    // socket whose set-up it stopped).
     Client(std::string appId, int listenerPort, int dispenserPort,
            std::vector<std::string> subscriptions);
     Client(const Client&) = delete;
@@ -124,13 +140,24 @@ public:
 
     const std::string& id() const { return _id; }
     TerminationData& termData() { return _term_data; }
-    // Asks the I/O loop to return at the end of its current pass.
+    // Asks the I/O loop to return at the end of its current pass. Any thread,
+    // and async-signal-safe: it never waits for a lock, so a signal handler
+    // may call it even when the signal interrupted the holder of the
+    // termination lock. It sets termData()'s flag when that lock is free, and
+    // a flag of its own that the loop reads at the same points in any case.
     void terminate();
 
     // Queue a message for the node; onAck (may be empty) runs on the I/O thread
     // when the node acknowledges it. Any thread; no I/O.
+    //
+    // What the node would refuse is refused here, before anything is
+    // registered or queued, with an orvikm::Exception naming the value and
+    // the limit: a route longer than 100 bytes, a route of one zero byte (it
+    // reads as the route delimiter), a header line ("app_id|<id>",
+    // "p_type|<type>", ...) longer than 100 bytes.
     void send(Message message, std::function<void()> onAck);
-    // Takes the buffer over (it is released with delete[]).
+    // Takes the buffer over (it is released with delete[], also when the
+    // message is refused).
     void send(char* buffer, unsigned int size, std::string payloadType,
               std::list<std::string> routes, std::chrono::seconds validFor,
               std::function<void()> onAck, Message::AckMode ackMode);
@@ -141,11 +168,16 @@ public:
     void sendAck(const Message& message);
 
     // The callback for every message the node sends; runs on the I/O thread
-    // with the client's lock held.
+    // with the client's lock held. Call it before the loop runs or on the I/O
+    // thread; called from inside the message callback (to replace or clear
+    // it), the running callback finishes safely and the new one takes over
+    // from the next message.
     void onMessage(std::function<void(std::unique_ptr<Message>)> callback);
     // Requests the node's registry now and then every `timeout` seconds; every
     // registry that arrives goes to callback. An empty callback stops the
-    // requests.
+    // requests. A timeout too large to add to a time (seconds::max()) means
+    // the first request only. Same thread rules as onMessage; it may be
+    // called from inside the registry callback.
     void obtainRegistry(std::function<void(std::shared_ptr<Registry>)> callback,
                         std::chrono::seconds timeout);
 
@@ -155,10 +187,22 @@ public:
     // input. An error of the orviku family goes to errorHandler and ends the
     // loop; any other exception reaches errorHandler as a GeneralException and
     // is then rethrown. A shut-down socket context ends the loop silently.
+    //
+    // Only the low 32 bits of `timeout` reach the selector, and a negative
+    // count there means no wait: keep it between 0 and 2^31-1 ms (about 24
+    // days). A pass reads for as long as input keeps coming: with traffic
+    // arriving more often than `timeout`, queued messages wait and
+    // terminate() is seen only once the input pauses.
+    //
+    // While a loop runs, a second call (from another thread, or from inside a
+    // callback on the I/O thread) is refused at once: it throws, to its own
+    // caller and not to its error handler, an orvikm::Exception whose message
+    // begins "The I/O loop is already running"; the running loop goes on.
     void blockThreadForIO(std::function<void(orviku::Exception&)> errorHandler,
                           std::chrono::milliseconds timeout);
     // Waits up to `timeout` for input once and dispatches it; true when there
-    // was input. Writes nothing.
+    // was input. Writes nothing. The timeout is treated as in
+    // blockThreadForIO. Refused, like a second loop, while a loop runs.
     bool check(std::chrono::milliseconds timeout);
 
 private:
@@ -172,6 +216,10 @@ private:
     void receive_on_listener(wxblt::Socket* socket);
     void receive_on_dispenser(wxblt::Socket* socket);
     void handle_request(std::unique_ptr<internal_objects::Request> request);
+    // One run of the selector, as check() without its guard.
+    bool poll_once(std::chrono::milliseconds timeout);
+    // Whether the loop is to stop; called with the termination lock held.
+    bool stop_requested();
 
     std::chrono::system_clock::time_point _last_inbox;
     std::chrono::seconds _inbox_interval;
@@ -194,6 +242,17 @@ private:
     std::string _id;
     std::vector<std::string> _subscriptions;
     TerminationData _term_data;
+
+    // Set while blockThreadForIO or check runs: a second entry is refused.
+    std::atomic<bool> _io_running{false};
+    // Set by terminate() without a lock, so that a signal handler can stop
+    // the loop.
+    std::atomic<bool> _stop_signalled{false};
+    static_assert(std::atomic<bool>::is_always_lock_free);
+    // Set by onMessage and obtainRegistry; a callback that replaced itself
+    // is not put back after its call.
+    bool _on_message_replaced{false};
+    bool _on_registry_replaced{false};
 };
 
 }  // namespace orvikm

@@ -59,7 +59,9 @@ public:
     Message(const Message& other);
     // Moves keep everything, the id included.
     Message(Message&& other) = default;
-    Message& operator=(Message&& other) = default;
+    // Also releases the payload it overwrites (through that payload's free
+    // callback); a moved-from target has nothing to release.
+    Message& operator=(Message&& other) noexcept;
     Message& operator=(const Message& other) = delete;
     ~Message() override;
 

@@ -25,11 +25,13 @@ public:
     Payload(unsigned size, std::string type);
 
     // Deep copy into a buffer of its own, freed with defaultFree whatever the
-    // source's callback.
+    // source's callback. A source without a buffer (moved from) still has a
+    // size: the copy then holds that many zero bytes.
     Payload(const Payload& other);
     // Replaces the buffer by a new copy of other's bytes and takes a copy of
     // other's free callback. The previous buffer is not released: the caller
-    // keeps whatever it needs to free it.
+    // keeps whatever it needs to free it. From a source without a buffer the
+    // new one holds size() zero bytes.
     Payload& operator=(const Payload& other);
     // Takes other's buffer, callback and type without copying bytes. other is
     // left with a null buffer, no callback and an empty type, but keeps size().

@@ -3,7 +3,11 @@
 #include <cerrno>
 #include <utility>
 
+#include <orvikm/errors.hpp>
 #include <wxblt/exception.hpp>
+
+#include "intervals.hpp"
+#include "limits.hpp"
 
 namespace orvikm {
 
@@ -15,6 +19,25 @@ const std::string node_unavailable_for_control = "OrVik Node is not available!";
 
 std::string localhostEndpoint(int port) {
     return "tcp://localhost:" + std::to_string(port);
+}
+
+// libzmq takes any number and fails only when it resolves the address, so a
+// client on port 0 or 70000 would report "not available" forever.
+void checkPort(int port, const char* socketName) {
+    if (port < 1 || port > 65535) {
+        throw Exception(std::string(socketName) + " port " + std::to_string(port) +
+                        " is not a TCP port: ports run from 1 to 65535");
+    }
+}
+
+void checkAppId(const std::string& appId) {
+    if (appId.size() > Client::_max_app_id_size) {
+        throw Exception("Application id " + detail::quoted(appId) + " is " +
+                        std::to_string(appId.size()) + " bytes long: its header \"app_id|<id>\" " +
+                        "must fit the node's " + std::to_string(detail::frame_limit) +
+                        "-byte frames, so an id has at most " +
+                        std::to_string(Client::_max_app_id_size) + " bytes");
+    }
 }
 
 }  // namespace
@@ -75,6 +98,8 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
         throw;
     }
     try {
+        checkAppId(_id);
+        checkPort(listenerPort, "Listener");
         _listener.setIdentity(_id + "|lstn");
         for (const std::string& topic : _subscriptions) {
             _listener.subscribe(topic);
@@ -86,6 +111,7 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
         throw;
     }
     try {
+        checkPort(dispenserPort, "Dispenser");
         _dispenser.setIdentity(_id + "|disp");
         _dispenser.connect(localhostEndpoint(dispenserPort));
     } catch (orviku::Exception& error) {
@@ -99,12 +125,21 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
 Client::~Client() = default;
 
 void Client::terminate() {
-    _term_data.terminate();
+    // A signal handler may have interrupted the holder of the termination
+    // lock, so nothing here waits for it: the atomic flag alone stops the
+    // loop, and the locked flag is set as well when its lock is free.
+    // try_lock never blocks (on glibc it is one compare-and-swap).
+    _stop_signalled.store(true);
+    std::mutex& lock = _term_data.termLock();
+    if (lock.try_lock()) {
+        _term_data.isTermed() = true;
+        lock.unlock();
+    }
 }
 
 void Client::send_inbox() {
     std::unique_lock<std::mutex> guard(*_lock);
-    if (!(_last_inbox + _inbox_interval < system_clock::now())) {
+    if (!detail::intervalPassed(_last_inbox, _inbox_interval, system_clock::now())) {
         return;
     }
     try {
@@ -123,7 +158,7 @@ void Client::send_inbox() {
 }
 
 void Client::send_get_registry() {
-    if (!(_last_registry_request + _registry_interval < system_clock::now())) {
+    if (!detail::intervalPassed(_last_registry_request, _registry_interval, system_clock::now())) {
         return;
     }
     try {

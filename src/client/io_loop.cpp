@@ -1,5 +1,6 @@
 #include <orvikm/client.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -7,6 +8,8 @@
 #include <orvikm/errors.hpp>
 #include <orviku/exception.hpp>
 #include <wxblt/exception.hpp>
+
+#include "intervals.hpp"
 
 namespace orvikm {
 
@@ -27,33 +30,83 @@ std::unique_ptr<internal_objects::Request> receiveFrom(Receiver& receiver, wxblt
     }
 }
 
+const std::string loop_running =
+    "The I/O loop is already running (on another thread, or this call comes from inside one of "
+    "its callbacks)";
+
+// Marks the I/O loop as running for its lifetime, or refuses to: two loops
+// would use the sockets from two threads at once, and a loop entered from a
+// callback would wait for a lock its own thread holds. An atomic exchange
+// costs the hot path no lock.
+class IoLoopEntry {
+public:
+    IoLoopEntry(std::atomic<bool>& running, const char* context) : _running(running) {
+        if (_running.exchange(true, std::memory_order_acquire)) {
+            Exception refusal(loop_running);
+            refusal.throwWithContext(context);
+        }
+    }
+    IoLoopEntry(const IoLoopEntry&) = delete;
+    IoLoopEntry& operator=(const IoLoopEntry&) = delete;
+    ~IoLoopEntry() { _running.store(false, std::memory_order_release); }
+
+private:
+    std::atomic<bool>& _running;
+};
+
+// Calls the callback held in `slot` so that the callback may replace or clear
+// `slot` meanwhile (a one-shot handler clears itself): it runs from a local,
+// and goes back into the slot afterwards unless the slot was set during the
+// call.
+template <typename Callback, typename Argument>
+void callReplaceable(Callback& slot, bool& replaced, Argument&& argument) {
+    Callback running;
+    running.swap(slot);
+    replaced = false;
+    struct PutBack {
+        Callback& slot;
+        Callback& running;
+        bool& replaced;
+        ~PutBack() {
+            if (!replaced) {
+                slot.swap(running);
+            }
+        }
+    } putBack{slot, running, replaced};
+    running(std::forward<Argument>(argument));
+}
+
 }  // namespace
 
 void Client::onMessage(std::function<void(std::unique_ptr<Message>)> callback) {
     _on_message = std::move(callback);
+    _on_message_replaced = true;
 }
 
 void Client::obtainRegistry(std::function<void(std::shared_ptr<Registry>)> callback,
                             std::chrono::seconds timeout) {
     _on_registry = std::move(callback);
+    _on_registry_replaced = true;
     _registry_interval = timeout;
     // One interval in the past: the next pass requests the registry at once.
-    _last_registry_request = std::chrono::system_clock::now() - timeout;
+    _last_registry_request = detail::earlierBy(std::chrono::system_clock::now(), timeout);
 }
 
 void Client::blockThreadForIO(std::function<void(orviku::Exception&)> errorHandler,
                               std::chrono::milliseconds timeout) {
+    const IoLoopEntry entry(_io_running, "While trying to run the I/O loop");
     {
         // A terminate() from before this loop is forgotten.
         std::lock_guard<std::mutex> guard(_term_data.termLock());
         _term_data.isTermed() = false;
+        _stop_signalled.store(false);
     }
     try {
         std::unique_lock<std::mutex> guard(_term_data.termLock());
-        while (!_term_data.isTermed()) {
+        while (!stop_requested()) {
             guard.unlock();
             send_all_msgs();
-            while (check(timeout)) {
+            while (poll_once(timeout)) {
             }
             guard.lock();
         }
@@ -72,7 +125,20 @@ void Client::blockThreadForIO(std::function<void(orviku::Exception&)> errorHandl
     }
 }
 
+bool Client::stop_requested() {
+    // A terminate() that could not take the lock left only the atomic flag.
+    if (_stop_signalled.load()) {
+        _term_data.isTermed() = true;
+    }
+    return _term_data.isTermed();
+}
+
 bool Client::check(std::chrono::milliseconds timeout) {
+    const IoLoopEntry entry(_io_running, "While trying to check for input");
+    return poll_once(timeout);
+}
+
+bool Client::poll_once(std::chrono::milliseconds timeout) {
     // The selector's count is 32 bits wide: larger timeouts wrap.
     const auto wrapped = static_cast<std::int32_t>(static_cast<std::uint32_t>(timeout.count()));
     return _selector.run(std::chrono::duration<long, std::milli>(wrapped));
@@ -123,13 +189,13 @@ void Client::handle_request(std::unique_ptr<internal_objects::Request> request) 
         }
         std::unique_ptr<Message> message(static_cast<Message*>(request.release()));
         std::lock_guard<std::mutex> guard(*_lock);
-        _on_message(std::move(message));
+        callReplaceable(_on_message, _on_message_replaced, std::move(message));
         return;
     }
     if (dynamic_cast<Registry*>(request.get()) != nullptr) {
         std::shared_ptr<Registry> registry(static_cast<Registry*>(request.release()));
         if (_on_registry) {
-            _on_registry(std::move(registry));
+            callReplaceable(_on_registry, _on_registry_replaced, std::move(registry));
         }
         return;
     }

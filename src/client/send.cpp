@@ -5,9 +5,14 @@
 
 #include <wxblt/exception.hpp>
 
+#include "limits.hpp"
+
 namespace orvikm {
 
 void Client::send(Message message, std::function<void()> onAck) {
+    // The node refuses what does not fit its frames without a word back: the
+    // application hears of it here or never.
+    detail::check_sendable(message);
     // Registered first: an acknowledgement can never outrun its callback.
     _result_callbacks.registerCallback(message, std::move(onAck));
     _msg_queue.push(message);

@@ -8,12 +8,22 @@ namespace orvikm {
 namespace {
 
 // memmove rather than memcpy: nothing forbids a payload from describing bytes
-// that overlap another's.
+// that overlap another's. A moved-from payload keeps its size but has no
+// buffer: its copy gets as many zero bytes instead of a read through null.
+void copyInto(char* target, const char* source, unsigned size) {
+    if (size == 0) {
+        return;
+    }
+    if (source == nullptr) {
+        std::memset(target, 0, size);
+    } else {
+        std::memmove(target, source, size);
+    }
+}
+
 char* copyOf(const char* source, unsigned size) {
     char* copy = new char[size];
-    if (size > 0) {
-        std::memmove(copy, source, size);
-    }
+    copyInto(copy, source, size);
     return copy;
 }
 
@@ -41,9 +51,7 @@ Payload& Payload::operator=(const Payload& other) {
     _free_callback = other._free_callback;
     _size = other._size;
     _type = other._type;
-    if (_size > 0) {
-        std::memmove(_buffer, other._buffer, _size);
-    }
+    copyInto(_buffer, other._buffer, _size);
     return *this;
 }
 

@@ -87,6 +87,20 @@ Message::Message(const Message& other)
 
 Message::~Message() = default;
 
+Message& Message::operator=(Message&& other) noexcept {
+    if (this == &other) {
+        return *this;
+    }
+    // A payload's move assignment leaves its old buffer alone; moved out
+    // first, the old payload frees it on leaving this scope.
+    const Payload overwritten(std::move(payload()));
+    PayloadRequest::operator=(std::move(other));
+    msg_id = std::move(other.msg_id);
+    origin_nodes = std::move(other.origin_nodes);
+    config = std::move(other.config);
+    return *this;
+}
+
 const char* Message::wireName() const {
     return _wire_name;
 }

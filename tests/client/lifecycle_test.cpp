@@ -19,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include <orvikm/errors.hpp>
 #include <orvikm/message.hpp>
 #include <orvikm/payload.hpp>
 #include <orviku/exception.hpp>
@@ -65,15 +66,11 @@ const std::string kInboxContext =
     "While trying to check inbox of our application id: lifecycle-app";
 const std::string kRegistryContext = "While trying to send registry request";
 const std::string kNotReachableText = "Resource temporarily unavailable";
-const std::string kInvalidArgumentText = "Invalid argument";
 
-constexpr int kNotReachable = 11;     // EAGAIN
-constexpr int kInvalidArgument = 22;  // EINVAL
-// A port that zmq_connect rejects at once; a port above 65535 is not
-// rejected there, because libzmq resolves TCP addresses only later.
+constexpr int kNotReachable = 11;  // EAGAIN
+// A port outside 1..65535, refused by the client before libzmq sees it.
 constexpr int kRejectedPort = -5;
-// ZeroMQ accepts routing identities of at most 255 bytes; with "|lstn" this id
-// makes one byte too many.
+// An application id far too long for its header line.
 constexpr std::size_t kOverlongIdLength = 251;
 
 // One pass of the loop lasts this long once the sockets are quiet.
@@ -194,11 +191,12 @@ void queueMessage(Client& client) {
     client.send(textPayload(kBody), {}, 30s, nullptr, Message::AckMode::Unacknowledged);
 }
 
+// What a failed construction threw: the client's own refusal of an argument.
 template <typename Construct>
-std::optional<wxblt::Exception> constructionError(Construct construct) {
+std::optional<orvikm::Exception> constructionError(Construct construct) {
     try {
         construct();
-    } catch (wxblt::Exception& error) {
+    } catch (orvikm::Exception& error) {
         return error;
     }
     return std::nullopt;
@@ -447,16 +445,14 @@ TEST(ClientLifecycleTest, EmptySubscriptionListReceivesNothing) {
     EXPECT_FALSE(silentReceived.waitForCount(1, kStillRunningFor));
 }
 
-TEST(ClientLifecycleTest, OverlongIdentityFailsWithSubscriberContext) {
+TEST(ClientLifecycleTest, OverlongIdFailsWithSubscriberContext) {
     TestNode node;
     const std::string overlongId(kOverlongIdLength, 'a');
 
-    const std::optional<wxblt::Exception> error = constructionError(
+    const std::optional<orvikm::Exception> error = constructionError(
         [&] { Client client(overlongId, node.listenerPort(), node.dispenserPort(), {}); });
 
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->errorNumber(), kInvalidArgument);
-    EXPECT_EQ(std::string(error->what()), kInvalidArgumentText);
     EXPECT_EQ(error->context(),
               std::vector<std::string>{kSubscriberContext + std::to_string(node.listenerPort())});
 }
@@ -472,12 +468,10 @@ TEST(ClientLifecycleTest, ConstructionWithPortsNothingListensOnDoesNotThrow) {
 TEST(ClientLifecycleTest, ListenerConnectFailureCarriesSubscriberContext) {
     TestNode node;
 
-    const std::optional<wxblt::Exception> error = constructionError(
+    const std::optional<orvikm::Exception> error = constructionError(
         [&] { Client client(kAppId, kRejectedPort, node.dispenserPort(), {kTopic}); });
 
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->errorNumber(), kInvalidArgument);
-    EXPECT_EQ(std::string(error->what()), kInvalidArgumentText);
     EXPECT_EQ(error->context(),
               std::vector<std::string>{kSubscriberContext + std::to_string(kRejectedPort)});
 }
@@ -485,12 +479,10 @@ TEST(ClientLifecycleTest, ListenerConnectFailureCarriesSubscriberContext) {
 TEST(ClientLifecycleTest, DispenserConnectFailureNamesListenerPort) {
     TestNode node;
 
-    const std::optional<wxblt::Exception> error = constructionError(
+    const std::optional<orvikm::Exception> error = constructionError(
         [&] { Client client(kAppId, node.listenerPort(), kRejectedPort, {kTopic}); });
 
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->errorNumber(), kInvalidArgument);
-    EXPECT_EQ(std::string(error->what()), kInvalidArgumentText);
     EXPECT_EQ(error->context(),
               std::vector<std::string>{kTwoWayContext + std::to_string(node.listenerPort())});
 }

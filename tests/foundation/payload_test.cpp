@@ -16,6 +16,7 @@ using orvikm::Payload;
 using testsupport::bufferWith;
 using testsupport::bytesOf;
 using testsupport::FreeLog;
+using testsupport::payloadOf;
 
 const std::string kType = "text/plain";
 const std::string kOtherType = "application/octet-stream";
@@ -475,6 +476,31 @@ TEST(PayloadTest, DestroyingAMovedFromPayloadCallsNothing) {
     source.reset();
 
     EXPECT_TRUE(frees.calls.empty());
+}
+
+TEST(PayloadTest, CopyOfAMovedFromPayloadKeepsItsSizeAndHoldsZeroBytes) {
+    Payload source = payloadOf(kBody, kType);
+    const Payload moved(std::move(source));
+
+    const Payload copy(source);
+
+    ASSERT_NE(copy.getBuffer(), nullptr);
+    EXPECT_EQ(copy.size(), kBody.size());
+    EXPECT_EQ(bytesOf(copy), std::string(kBody.size(), '\0'));
+}
+
+TEST(PayloadTest, CopyAssignmentFromAMovedFromPayloadKeepsItsSizeAndHoldsZeroBytes) {
+    Payload source = payloadOf(kBody, kType);
+    const Payload moved(std::move(source));
+    Payload target(0, kType);
+    std::unique_ptr<char[]> targetBuffer(target.getBuffer());  // not released by the assignment
+
+    target = source;
+
+    ASSERT_NE(target.getBuffer(), nullptr);
+    EXPECT_EQ(target.size(), kBody.size());
+    EXPECT_EQ(bytesOf(target), std::string(kBody.size(), '\0'));
+    delete[] target.getBuffer();  // a moved-from source has no callback to hand on
 }
 
 // Move assignment

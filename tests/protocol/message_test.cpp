@@ -405,6 +405,43 @@ TEST(MessageTest, MoveAssignmentPassesBufferOwnershipToTheTarget) {
     EXPECT_EQ(std::vector<Address>{buffer}, recorder.freed());
 }
 
+TEST(MessageTest, MoveAssignmentReleasesThePayloadItOverwrites) {
+    FreeRecorder recorder;
+    Message source = messageWith(kValidFor, kAckMode);
+    Message target(payloadOf(kBody, kType, recorder.callback()), configWith(kValidFor, kAckMode));
+    const Address overwritten = addressOf(target.payload());
+
+    target = std::move(source);
+
+    EXPECT_EQ(std::vector<Address>{overwritten}, recorder.freed());
+}
+
+TEST(MessageTest, MoveAssignmentOntoAMovedFromMessageReleasesNothing) {
+    FreeRecorder recorder;
+    Message source(payloadOf(kBody, kType, recorder.callback()), configWith(kValidFor, kAckMode));
+    Message target(payloadOf(kBody, kType, recorder.callback()), configWith(kValidFor, kAckMode));
+    const Address targetBuffer = addressOf(target.payload());
+    Message holder(std::move(target));
+
+    target = std::move(source);
+
+    EXPECT_TRUE(recorder.freed().empty());
+    EXPECT_EQ(targetBuffer, addressOf(holder.payload()));
+}
+
+TEST(MessageTest, SelfMoveAssignmentKeepsThePayload) {
+    FreeRecorder recorder;
+    Message message(payloadOf(kBody, kType, recorder.callback()), configWith(kValidFor, kAckMode));
+    const Address buffer = addressOf(message.payload());
+    Message& alias = message;
+
+    message = std::move(alias);
+
+    EXPECT_TRUE(recorder.freed().empty());
+    EXPECT_EQ(buffer, addressOf(message.payload()));
+    EXPECT_EQ(kBody, bytesOf(message.payload()));
+}
+
 TEST(MessageTest, HeadersAreTheFiveMessageKeysAndThePayloadKeysInKeyOrder) {
     const Message message = plainMessage();
 

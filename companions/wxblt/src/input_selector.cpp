@@ -15,8 +15,12 @@ InputSelector::~InputSelector() = default;
 
 bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
     using Clock = std::chrono::steady_clock;
-    const bool forever = timeout.count() < 0;
-    const Clock::time_point deadline = Clock::now() + (forever ? timeout.zero() : timeout);
+    // A wait without end could never be stopped from outside, since nothing
+    // but input wakes it: a negative count looks without waiting.
+    if (timeout.count() < 0) {
+        timeout = timeout.zero();
+    }
+    const Clock::time_point deadline = Clock::now() + timeout;
 
     // Built at every call: it costs little and stays right if a socket moved.
     std::vector<zmq_pollitem_t> items;
@@ -25,7 +29,7 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
         items.push_back(zmq_pollitem_t{entry.first->handle(), 0, ZMQ_POLLIN, 0});
     }
 
-    long wait = forever ? -1 : timeout.count();
+    long wait = timeout.count();
     for (;;) {
         const int ready = zmq_poll(items.data(), static_cast<int>(items.size()), wait);
         if (ready > 0) {
@@ -38,14 +42,12 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
             detail::throwLastError();
         }
         // A signal cut the wait short: wait for what is left of it.
-        if (!forever) {
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0) {
-                return false;
-            }
-            wait = left.count();
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            return false;
         }
+        wait = left.count();
     }
 
     for (std::size_t i = 0; i < items.size(); ++i) {

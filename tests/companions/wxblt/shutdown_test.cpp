@@ -88,10 +88,10 @@ void expectZmqTermination(const testsupport::ChildResult& result) {
         << "1: returned normally, 2: threw something else, 3: never blocked";
 }
 
-TEST(ShutdownTest, EndsABlockedRunWithNegativeTimeoutWithZmqTermination) {
+TEST(ShutdownTest, EndsABlockedRunWithZmqTermination) {
     const auto result = callBlockedAtShutdown([](Socket& socket) {
         InputSelector selector({{&socket, [](Socket*) {}}});
-        selector.run(std::chrono::milliseconds(-1));
+        selector.run(std::chrono::hours(1));
     });
 
     expectZmqTermination(result);

@@ -19,11 +19,13 @@ public:
     explicit InputSelector(std::vector<std::pair<Socket*, Handler>> entries);
     ~InputSelector();
 
-    // Waits at most `timeout` for input on any socket (a negative timeout
-    // waits until there is some). Then calls the handler of every socket that
-    // has input, in the order given at construction, and returns true; returns
-    // false when the time passed without input. A handler's exception passes
-    // out unchanged. Throws ZmqTermination once the context is shut down.
+    // Waits at most `timeout` for input on any socket; a negative timeout
+    // counts as zero (it looks for input without waiting), so that a loop of
+    // runs stays stoppable whatever it is given. Then calls the handler of
+    // every socket that has input, in the order given at construction, and
+    // returns true; returns false when the time passed without input. A
+    // handler's exception passes out unchanged. Throws ZmqTermination once the
+    // context is shut down.
     bool run(std::chrono::duration<long, std::milli> timeout);
 
 private:

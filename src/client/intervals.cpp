@@ -1,0 +1,42 @@
+#include "intervals.hpp"
+
+namespace orvikm::detail {
+
+namespace {
+
+// 128 bits hold any difference of two 64-bit tick counts and any 64-bit count
+// of seconds in ticks, so the comparisons below are exact.
+__extension__ using Wide = __int128;
+
+using Ticks = TimePoint::duration;
+
+// The clock ticks in whole fractions of a second (nanoseconds here).
+constexpr Wide ticks_per_second = Wide{Ticks::period::den} / Wide{Ticks::period::num};
+
+Wide ticksOf(std::chrono::seconds interval) {
+    return Wide{interval.count()} * ticks_per_second;
+}
+
+}  // namespace
+
+TimePoint earlierBy(TimePoint now, std::chrono::seconds interval) {
+    const Wide earlier = Wide{now.time_since_epoch().count()} - ticksOf(interval);
+    if (earlier < Wide{Ticks::min().count()}) {
+        return TimePoint::min();
+    }
+    if (earlier > Wide{Ticks::max().count()}) {
+        return TimePoint::max();
+    }
+    return TimePoint(Ticks(static_cast<Ticks::rep>(earlier)));
+}
+
+bool intervalPassed(TimePoint last, std::chrono::seconds interval, TimePoint now) {
+    if (last == TimePoint::min()) {
+        return true;
+    }
+    const Wide elapsed =
+        Wide{now.time_since_epoch().count()} - Wide{last.time_since_epoch().count()};
+    return elapsed > ticksOf(interval);
+}
+
+}  // namespace orvikm::detail

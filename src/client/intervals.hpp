@@ -1,0 +1,19 @@
+#pragma once
+
+#include <chrono>
+
+namespace orvikm::detail {
+
+using TimePoint = std::chrono::system_clock::time_point;
+
+// `now` moved back by `interval`, or the clock's earliest (latest) time when
+// that lies outside what a time point can hold. The earliest time reads as
+// "longer ago than any interval" in intervalPassed.
+TimePoint earlierBy(TimePoint now, std::chrono::seconds interval);
+
+// Whether last + interval is earlier than now, exactly, for every pair of
+// values: neither the sum nor the seconds-to-ticks conversion can overflow.
+// A `last` at the clock's earliest time has always passed.
+bool intervalPassed(TimePoint last, std::chrono::seconds interval, TimePoint now);
+
+}  // namespace orvikm::detail
