@@ -10,7 +10,7 @@ COMMA := ,
 # What `make demo` runs: the development node and the examples.
 DEMO_TARGETS = orvik-devnode sender receiver registry_watcher readme_example
 
-.PHONY: all deps configure build test demo docs test-asan test-tsan fuzz stress clean bench
+.PHONY: all deps configure build test demo docs package test-asan test-tsan fuzz stress clean bench
 
 all: build
 
@@ -83,3 +83,10 @@ bench: deps
 	cmake --build $(BENCH_DIR) -j $(JOBS) --target orvik-micro-bench orvik-bench
 	$(BENCH_DIR)/bench/orvik-micro-bench --benchmark_min_time=0.2
 	$(BENCH_DIR)/bench/orvik-bench
+
+# The Debian packages liborvikm0, liborvikm-dev and orvik-tools, from a
+# Release build in a directory of their own; they land in
+# $(PACKAGE_DIR)/packages.
+PACKAGE_DIR ?= build-package
+package: deps
+	JOBS=$(JOBS) scripts/package.sh $(PACKAGE_DIR)
