@@ -14,48 +14,55 @@ class Socket;
 
 namespace orvikm {
 
-// Reads one whole request at a time from a socket, checks its frame layout and
-// builds the request object that its command names ("MSG", "REG", "BOX",
-// "ACK", "GREG"). Every frame but the payload must fit in 100 bytes.
-//
-// A request that breaks the layout fails with ProtocolError (or another error
-// of the orviku family), carrying context lines, innermost first, and the
-// outermost "While trying to decode a received request (NAME)". The rest of
-// that request's frames are then dropped, so the next receive() reads the next
-// request. A "p_size" that is no number is the exception: std::invalid_argument
-// or std::out_of_range leave as they are, unflushed.
-//
-// Does not own the socket.
+/// Reads one whole request at a time from a socket, checks its frame layout and
+/// builds the request object that its command names ("MSG", "REG", "BOX",
+/// "ACK", "GREG"). Every frame but the payload must fit in 100 bytes.
+///
+/// A request that breaks the layout fails with ProtocolError (or another error
+/// of the orviku family), carrying context lines, innermost first, and the
+/// outermost "While trying to decode a received request (NAME)". The rest of
+/// that request's frames are then dropped, so the next receive() reads the next
+/// request. A "p_size" that is no number is the exception: std::invalid_argument
+/// or std::out_of_range leave as they are, unflushed.
+///
+/// Does not own the socket.
 class Receiver {
 public:
-    // Largest frame, other than a payload, that a request may hold.
+    /// Largest frame, other than a payload, that a request may hold.
     static constexpr unsigned _frame_capacity = 100;
 
+    /// A receiver reading from `socket`, which must outlive it.
     explicit Receiver(wxblt::Socket* socket);
+    /// Takes over the other receiver's socket and frame buffer.
     Receiver(Receiver&& other) noexcept;
     virtual ~Receiver();
 
-    // Reads one request; never returns an empty pointer.
+    /// Reads one request; never returns an empty pointer.
     std::unique_ptr<internal_objects::Request> receive();
 
-    // Reads the next frame into the frame buffer. A frame longer than 100
-    // bytes is refused with ProtocolError.
+    /// Reads the next frame into the frame buffer. A frame longer than 100
+    /// bytes is refused with ProtocolError.
     void readFrame();
-    // True when the last frame read is exactly one zero byte.
+    /// True when the last frame read is exactly one zero byte.
     bool is_delimiter_frame() const;
-    // Throws ProtocolError "Expected more frames. Next section: " + section
-    // when the last frame read was the request's last. Reads nothing.
+    /// Throws ProtocolError "Expected more frames. Next section: " + section
+    /// when the last frame read was the request's last. Reads nothing.
     void expectMore(std::string section);
 
+    /// Reads the route frames up to the delimiter that ends them.
     std::list<std::string> receive_routes();
+    /// Reads the frame that names the request ("MSG", "ACK", ...).
     std::string receive_command();
+    /// Reads the header frames ("key|value") up to the delimiter that ends
+    /// them. A frame without the separator is refused with ProtocolError; a
+    /// key given twice keeps its last value.
     internal_objects::HeaderMap receive_headers();
-    // Takes "p_size" and "p_type" out of the headers and reads the payload
-    // frame, which must be the request's last and hold at least "p_size"
-    // bytes (more are cut off).
+    /// Takes "p_size" and "p_type" out of the headers and reads the payload
+    /// frame, which must be the request's last and hold at least "p_size"
+    /// bytes (more are cut off).
     std::unique_ptr<Payload> receive_payload(internal_objects::HeaderMap& headers);
-    // Reads the closing delimiter of a request without payload. Frames after
-    // it are dropped unread, without error.
+    /// Reads the closing delimiter of a request without payload. Frames after
+    /// it are dropped unread, without error.
     void receive_termination();
 
 private:

@@ -4,18 +4,24 @@
 
 namespace wxblt {
 
-// One received frame, still in ZeroMQ's own buffer: its length is known
-// before anything is copied. Movable, not copyable.
+/// One received frame, still in ZeroMQ's own buffer: its length is known
+/// before anything is copied. Movable, not copyable.
 class Frame {
 public:
+    /// An empty frame, to be filled by Socket::recvFrame().
     Frame();
+    ///@{
+    /// Takes over the other frame's buffer; `other` is left empty.
     Frame(Frame&& other) noexcept;
     Frame& operator=(Frame&& other) noexcept;
+    ///@}
     Frame(const Frame&) = delete;
     Frame& operator=(const Frame&) = delete;
     ~Frame();
 
+    /// The frame's bytes, valid while the frame lives.
     const char* data() const;
+    /// The frame's length in bytes.
     std::size_t size() const;
 
 private:

@@ -1,6 +1,7 @@
 #pragma once
 
-// The socket layer over ZeroMQ: sockets, polling, errors and shutdown.
+/// @namespace wxblt
+/// The socket layer over ZeroMQ: sockets, polling, errors and shutdown.
 #include <wxblt/exception.hpp>
 #include <wxblt/frame.hpp>
 #include <wxblt/input_selector.hpp>
