@@ -24,7 +24,7 @@ const char* const usage =
 
 A stand-in for the Orvik Node on this machine. Clients connect their listener
 to the listener port and their dispenser to the dispenser port, both on
-tcp://localhost.
+127.0.0.1 (clients reach them as tcp://localhost:PORT).
 
   --listener-port PORT    port of the PUB socket that publishes messages to
                           client listeners (default 0: a free port)
