@@ -1,99 +1,120 @@
 #include "dev_node.hpp"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <zmq.h>
+
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
-#include <ctime>
-#include <fstream>
-#include <iterator>
-#include <sstream>
-#include <stdexcept>
+#include <new>
+#include <unordered_set>
 #include <utility>
 
 #include <orvikm/control_requests.hpp>
-#include <orvikm/message.hpp>
+#include <orvikm/errors.hpp>
 #include <orvikm/registry.hpp>
 #include <wxblt/exception.hpp>
 #include <wxblt/input_selector.hpp>
 
+#include "log_text.hpp"
+
 namespace orvikdev {
 
 namespace {
+
+using orvikm::internal_objects::HeaderMap;
+using orvikm::internal_objects::Request;
+
+const char kDelimiterByte = 0;
+const std::string_view kDelimiter(&kDelimiterByte, 1);
+
+// Requests read ahead from one dealer's connection. Beyond it the connection
+// waits until the node has caught up; nothing is lost.
+constexpr int kInboundQueue = 1000;
+// Dealers remembered for their queue accounts and connections.
+constexpr std::size_t kPeersRemembered = 4096;
+// Lines one peer may log at once; then one a second and a summary.
+constexpr unsigned kLogBurst = 10;
+constexpr auto kSummaryInterval = std::chrono::milliseconds(100);
 
 int boundPort(const wxblt::Socket& socket) {
     const std::string endpoint = socket.lastEndpoint();
     return std::stoi(endpoint.substr(endpoint.rfind(':') + 1));
 }
 
-std::string timestamp(std::chrono::system_clock::time_point when) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
+void setIntOption(wxblt::Socket& socket, int option, int value) {
+    if (zmq_setsockopt(socket.handle(), option, &value, sizeof value) != 0) {
+        throw wxblt::Exception(zmq_errno());
+    }
 }
 
-std::string jsonString(const std::string& text) {
-    std::string quoted = "\"";
-    for (const unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            quoted += '\\';
-            quoted += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", c);
-            quoted += escape;
-        } else {
-            quoted += static_cast<char>(c);
+// One frame received with libzmq's own call, which tells the connection it
+// came from; closed however the reading ends.
+class ReceivedFrame {
+public:
+    explicit ReceivedFrame(void* socket) {
+        zmq_msg_init(&_message);
+        while (zmq_msg_recv(&_message, socket, 0) < 0) {
+            const int error = zmq_errno();
+            if (error != EINTR) {
+                zmq_msg_close(&_message);
+                if (error == ETERM) {
+                    throw wxblt::ZmqTermination();
+                }
+                throw wxblt::Exception(error);
+            }
         }
     }
-    return quoted + "\"";
+    ReceivedFrame(const ReceivedFrame&) = delete;
+    ReceivedFrame& operator=(const ReceivedFrame&) = delete;
+    ~ReceivedFrame() { zmq_msg_close(&_message); }
+
+    std::string_view bytes() {
+        return {static_cast<const char*>(zmq_msg_data(&_message)), zmq_msg_size(&_message)};
+    }
+    bool more() { return zmq_msg_more(&_message) != 0; }
+    int connection() { return zmq_msg_get(&_message, ZMQ_SRCFD); }
+
+private:
+    zmq_msg_t _message;
+};
+
+// "127.0.0.1:PORT" of the peer at the other end of a connection, or "" once
+// it has gone.
+std::string peerAddress(int connection) {
+    sockaddr_storage address{};
+    socklen_t size = sizeof address;
+    if (getpeername(connection, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        return "";
+    }
+    char host[INET6_ADDRSTRLEN] = "";
+    int port = 0;
+    if (address.ss_family == AF_INET) {
+        const auto* ip4 = reinterpret_cast<const sockaddr_in*>(&address);
+        inet_ntop(AF_INET, &ip4->sin_addr, host, sizeof host);
+        port = ntohs(ip4->sin_port);
+    } else if (address.ss_family == AF_INET6) {
+        const auto* ip6 = reinterpret_cast<const sockaddr_in6*>(&address);
+        inet_ntop(AF_INET6, &ip6->sin6_addr, host, sizeof host);
+        port = ntohs(ip6->sin6_port);
+    }
+    return std::string(host) + ":" + std::to_string(port);
 }
 
-// Identities are bytes; the log shows them as text with the unprintable ones
-// escaped.
-std::string printable(const std::string& bytes) {
-    std::string text;
-    for (const unsigned char c : bytes) {
-        if (c >= 0x20 && c < 0x7f) {
-            text += static_cast<char>(c);
-        } else {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\x%02x", c);
-            text += escape;
-        }
+// The header frames of a request, "key|value", in key order.
+std::vector<std::string> headerFrames(const Request& request) {
+    std::vector<std::string> frames;
+    for (const auto& [key, value] : request.create_protocol_headers()) {
+        frames.push_back(key + Request::_hdr_sep + value);
     }
-    return text;
+    return frames;
 }
 
-std::string oneLine(const std::string& text) {
-    std::string line = text;
-    for (char& c : line) {
-        if (c == '\n') {
-            c = ';';
-        }
-    }
-    return line;
-}
-
-// Errors outside the orviku family mostly come from the standard conversions of
-// numeric header values ("p_size", "valid_for"), and their text names only the
-// conversion, such as "stoull": the log says what was wrong with the value.
-std::string describeForeign(const std::exception& error) {
-    if (dynamic_cast<const std::invalid_argument*>(&error) != nullptr) {
-        return std::string("a numeric header holds no number (") + error.what() + ")";
-    }
-    if (dynamic_cast<const std::out_of_range*>(&error) != nullptr) {
-        return std::string("a numeric header holds a number out of range (") + error.what() + ")";
-    }
-    return error.what();
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        throw std::runtime_error("cannot read registry file " + path);
-    }
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+std::string headerOr(const HeaderMap& headers, const std::string& key, const std::string& absent) {
+    const auto found = headers.find(key);
+    return found == headers.end() ? absent : printable(found->second);
 }
 
 }  // namespace
@@ -103,146 +124,498 @@ DevNode::DevNode(DevNodeOptions options, std::ostream& log)
       _log(log),
       _publisher(wxblt::SocketType::Pub),
       _router(wxblt::SocketType::Router),
-      _publisher_sender(&_publisher),
-      _router_sender(&_router),
+      _connection_events(wxblt::SocketType::Pair),
       _router_receiver(&_router),
       _listener_port(0),
-      _dispenser_port(0) {
-    _publisher.setSendHighWaterMark(0);
+      _dispenser_port(0),
+      _seen(_options.maxApplications),
+      _limiter(kLogBurst, kPeersRemembered),
+      _next_summaries(LogLimiter::Clock::now()) {
+    // A subscriber that does not read holds at most subscriberQueue messages;
+    // lossless sending makes the publisher say so (EAGAIN) instead of dropping
+    // in silence, and publish() decides what follows.
+    _publisher.setSendHighWaterMark(_options.subscriberQueue);
+    setLossless(true);
+    // Answers are limited in bytes per dealer (answer()), not in number.
     _router.setSendHighWaterMark(0);
-    _router.setReceiveHighWaterMark(0);
+    _router.setReceiveHighWaterMark(kInboundQueue);
     _router.setRouterMandatory(true);
+    // Without hand-over, a second connection with an identity in use is
+    // ignored for good, even after the first one has gone, and nothing tells
+    // the node. With it, the newcomer takes the identity over, and its
+    // requests show the clash (noteConnection()).
+    setIntOption(_router, ZMQ_ROUTER_HANDOVER, 1);
+
+    // Which connection is which: the router's monitor reports each accepted
+    // and each closed connection by its descriptor, which is also what a
+    // received frame names. The events are never held back: this end has no
+    // queue limit, so the monitor never waits for the node.
+    const std::string events = "inproc://orvik-devnode-connections-" +
+                               std::to_string(reinterpret_cast<std::uintptr_t>(this));
+    if (zmq_socket_monitor(_router.handle(), events.c_str(),
+                           ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_DISCONNECTED) != 0) {
+        throw wxblt::Exception(zmq_errno());
+    }
+    _connection_events.setReceiveHighWaterMark(0);
+    _connection_events.connect(events);
+
     _publisher.bind("tcp://127.0.0.1:" + std::to_string(_options.listenerPort));
     _router.bind("tcp://127.0.0.1:" + std::to_string(_options.dispenserPort));
     _listener_port = boundPort(_publisher);
     _dispenser_port = boundPort(_router);
     if (_options.registryFile) {
-        readFile(*_options.registryFile);  // fail at start, not at the first request
+        _registry_file.emplace(*_options.registryFile, _options.maxRegistryBytes);
+        _registry_file->read();  // fail at start, not at the first request
     }
 }
 
 void DevNode::run(const std::atomic<bool>& stop) {
-    wxblt::InputSelector selector({{&_router, [this](wxblt::Socket*) { serveOne(); }}});
+    wxblt::InputSelector selector({
+        {&_connection_events, [this](wxblt::Socket*) { readConnectionEvents(); }},
+        {&_router, [this](wxblt::Socket*) { serveOne(); }},
+    });
     while (!stop.load()) {
         selector.run(std::chrono::milliseconds(100));
+        logSummaries();
     }
 }
 
 void DevNode::serveOne() {
-    char identity[256];
-    const unsigned identitySize = _router.recv(identity, sizeof identity);
-    const std::string sender(identity,
-                             identitySize < sizeof identity ? identitySize : sizeof identity);
-    if (!_router.checkMore()) {
-        logLine("malformed request from " + printable(sender) + ": no frames after the identity");
+    std::string sender;
+    bool more = false;
+    {
+        ReceivedFrame identity(_router.handle());
+        sender.assign(identity.bytes());
+        more = identity.more();
+    }
+    const std::string malformedKey = "malformed|" + sender;
+    const std::string malformedSubject = "malformed requests from " + printable(sender);
+    if (!more) {
+        logLimited(
+            malformedKey, malformedSubject,
+            "malformed request from " + printable(sender) + ": no frames after the identity");
         return;
     }
-    std::unique_ptr<orvikm::internal_objects::Request> request;
+    std::unique_ptr<Request> request;
+    _request_connection = -1;
     try {
-        request = _router_receiver.receive();
+        request = receiveRequest(sender);
+    } catch (const wxblt::ZmqTermination&) {
+        throw;
     } catch (const orviku::Exception& error) {
-        logLine("malformed request from " + printable(sender) + ": " + oneLine(error.describe()));
+        noteConnection(sender, _request_connection);
+        logLimited(malformedKey, malformedSubject,
+                   "malformed request from " + printable(sender) + ": " + describeOnOneLine(error));
+        return;
+    } catch (const std::bad_alloc&) {
+        _router.flushMessage();
+        logLimited(malformedKey, malformedSubject,
+                   "request from " + printable(sender) + " dropped: not enough memory for it");
         return;
     } catch (const std::exception& error) {
         // Errors outside the orviku family leave the rest of the request unread.
         _router.flushMessage();
-        logLine("malformed request from " + printable(sender) + ": " + describeForeign(error));
+        noteConnection(sender, _request_connection);
+        logLimited(malformedKey, malformedSubject,
+                   "malformed request from " + printable(sender) + ": " + describeForeign(error));
+        return;
+    }
+    noteConnection(sender, _request_connection);
+    if (!request) {
         return;
     }
 
-    if (auto* message = dynamic_cast<orvikm::Message*>(request.get())) {
-        handleMessage(sender, *message);
-    } else if (dynamic_cast<orvikm::internal_objects::GetRegistry*>(request.get()) != nullptr) {
-        if (_options.verbose) {
-            logLine("GREG from " + printable(sender));
+    try {
+        if (auto* message = dynamic_cast<orvikm::Message*>(request.get())) {
+            handleMessage(sender, *message);
+        } else if (dynamic_cast<orvikm::internal_objects::GetRegistry*>(request.get()) != nullptr) {
+            if (_options.verbose) {
+                logLine("GREG from " + printable(sender));
+            }
+            answerRegistry(sender);
+        } else if (auto* inbox = dynamic_cast<orvikm::internal_objects::Inbox*>(request.get())) {
+            _seen.see(inbox->appId(), std::chrono::system_clock::now());
+            if (_options.verbose) {
+                logLine("BOX from " + printable(sender) + " app_id=" + printable(inbox->appId()));
+            }
+        } else if (auto* ack = dynamic_cast<orvikm::internal_objects::Ack*>(request.get())) {
+            if (_options.verbose) {
+                logLine("ACK from " + printable(sender) + " msg_id=" + printable(ack->messageId()));
+            }
+        } else if (_options.verbose) {
+            logLine(std::string(request->wireName()) + " from " + printable(sender) + " ignored");
         }
-        answerRegistry(sender);
-    } else if (auto* inbox = dynamic_cast<orvikm::internal_objects::Inbox*>(request.get())) {
-        see(inbox->appId());
-        if (_options.verbose) {
-            logLine("BOX from " + printable(sender) + " app_id=" + printable(inbox->appId()));
-        }
-    } else if (auto* ack = dynamic_cast<orvikm::internal_objects::Ack*>(request.get())) {
-        if (_options.verbose) {
-            logLine("ACK from " + printable(sender) + " msg_id=" + printable(ack->messageId()));
-        }
-    } else if (_options.verbose) {
-        logLine(std::string(request->wireName()) + " from " + printable(sender) + " ignored");
+    } catch (const std::bad_alloc&) {
+        logLimited("memory|" + sender, "requests dropped for want of memory",
+                   std::string(request->wireName()) + " from " + printable(sender) +
+                       " dropped: not enough memory to serve it");
     }
 }
 
-void DevNode::handleMessage(const std::string& sender, const orvikm::Message& message) {
-    see(message.appId());
+// Receiver::receive() with a route section of the node's own: it keeps at
+// most maxRoutes routes, however many come, and it learns which connection
+// the request came from (ZMQ_SRCFD), which the identity frame does not carry.
+// Returns nothing for a request refused for its number of routes.
+std::unique_ptr<Request> DevNode::receiveRequest(const std::string& sender) {
+    std::string command;
     try {
-        _router_sender.send(message.generate_ack(), &sender);
-    } catch (const wxblt::Exception& error) {
-        logLine("cannot acknowledge message " + printable(message.msgId()) + " to " +
-                printable(sender) + ": " + oneLine(error.describe()));
+        Routes routes = receiveRoutes();
+        command = _router_receiver.receive_command();
+        HeaderMap headers;
+        try {
+            headers = _router_receiver.receive_headers();
+        } catch (orviku::Exception& error) {
+            error.addContext("While trying to receive protocol headers of request");
+            throw;
+        }
+        if (routes.count > _options.maxRoutes) {
+            _router.flushMessage();
+            logLimited("routes|" + sender,
+                       "requests with too many routes from " + printable(sender),
+                       printable(command) + " " + headerOr(headers, "id", "(no id)") + " from " +
+                           printable(sender) + " refused: " + std::to_string(routes.count) +
+                           " push routes, more than " + std::to_string(_options.maxRoutes) +
+                           " (--max-routes); not acknowledged");
+            return nullptr;
+        }
+        if (command == orvikm::Message::_wire_name) {
+            std::unique_ptr<orvikm::Payload> payload = _router_receiver.receive_payload(headers);
+            return std::make_unique<orvikm::Message>(std::move(*payload), std::move(routes.kept),
+                                                     headers);
+        }
+        if (command == orvikm::Registry::_wire_name) {
+            std::unique_ptr<orvikm::Payload> payload = _router_receiver.receive_payload(headers);
+            return std::make_unique<orvikm::Registry>(std::move(*payload), headers);
+        }
+        if (command == orvikm::internal_objects::Inbox::_wire_name) {
+            _router_receiver.receive_termination();
+            return std::make_unique<orvikm::internal_objects::Inbox>(headers);
+        }
+        if (command == orvikm::internal_objects::Ack::_wire_name) {
+            _router_receiver.receive_termination();
+            return std::make_unique<orvikm::internal_objects::Ack>(headers);
+        }
+        if (command == orvikm::internal_objects::GetRegistry::_wire_name) {
+            _router_receiver.receive_termination();
+            return std::make_unique<orvikm::internal_objects::GetRegistry>(headers);
+        }
+        throw orvikm::ProtocolError("Unrecognised command name: " + command);
+    } catch (orviku::Exception& error) {
+        std::string context = "While trying to decode a received request";
+        if (!command.empty()) {
+            context += " (" + command + ")";
+        }
+        error.addContext(std::move(context));
+        _router.flushMessage();
+        throw;
     }
+}
+
+DevNode::Routes DevNode::receiveRoutes() {
+    try {
+        Routes routes;
+        while (true) {
+            ReceivedFrame frame(_router.handle());
+            if (_request_connection < 0) {
+                _request_connection = frame.connection();
+            }
+            const std::string_view bytes = frame.bytes();
+            if (bytes == kDelimiter) {
+                return routes;
+            }
+            if (bytes.size() > orvikm::Receiver::_frame_capacity) {
+                throw orvikm::ProtocolError(
+                    "Frame too long in section Routes: " + std::to_string(bytes.size()) +
+                    " bytes, at most " + std::to_string(orvikm::Receiver::_frame_capacity) +
+                    " are allowed outside the payload");
+            }
+            if (routes.kept.size() < _options.maxRoutes) {
+                routes.kept.emplace_back(bytes);
+            }
+            ++routes.count;
+            if (!frame.more()) {
+                throw orvikm::ProtocolError(
+                    "Expected more frames. Next section: Route delimiter frame");
+            }
+        }
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to receive routes of request");
+        throw;
+    }
+}
+
+void DevNode::handleMessage(const std::string& sender, orvikm::Message& message) {
+    _seen.see(message.appId(), std::chrono::system_clock::now());
+    const std::string id = printable(message.msgId());
+    answer(sender, message.generate_ack(), nullptr, kDelimiter, "acknowledgement of MSG " + id);
     if (message.pushRoutes().empty()) {
-        logLine("MSG " + printable(message.msgId()) + " from " + printable(sender) +
-                " has no push routes: acknowledged and dropped");
+        logLimited("unrouted|" + sender, "messages without push routes from " + printable(sender),
+                   "MSG " + id + " from " + printable(sender) +
+                       " has no push routes: acknowledged and dropped");
         return;
     }
+    // Each copy carries every route of the message; one copy per distinct
+    // route is what a subscriber of each needs.
+    std::vector<std::string_view> distinct;
+    std::unordered_set<std::string_view> seen;
     for (const std::string& route : message.pushRoutes()) {
-        _publisher_sender.send(message, &route);
+        if (seen.insert(route).second) {
+            distinct.push_back(route);
+        }
     }
+    const std::size_t bytes = message.payload().size();
+    publish(sender, message, distinct);
     if (_options.verbose) {
-        logLine("MSG " + printable(message.msgId()) + " from " + printable(sender) + " (" +
-                std::to_string(message.payload().size()) + " bytes, " +
-                std::to_string(message.pushRoutes().size()) +
-                " routes) acknowledged and published");
+        const std::size_t count = message.pushRoutes().size();
+        logLine(
+            "MSG " + id + " from " + printable(sender) + " (" + std::to_string(bytes) + " bytes, " +
+            std::to_string(count) + " routes" +
+            (distinct.size() < count ? ", " + std::to_string(distinct.size()) + " distinct" : "") +
+            ") acknowledged and published");
     }
 }
 
 void DevNode::answerRegistry(const std::string& sender) {
-    std::string body;
-    if (_options.registryFile) {
+    std::shared_ptr<const std::string> body;
+    if (_registry_file) {
         // Read at every request, so that edits show at once. A file that has
-        // gone or become unreadable since the start (an editor replacing it,
+        // gone or become unusable since the start (an editor replacing it,
         // say) costs this one answer, not the node.
         try {
-            body = readFile(*_options.registryFile);
-        } catch (const std::exception& error) {
-            logLine("registry request of " + printable(sender) +
-                    " left unanswered: " + error.what());
+            body = _registry_file->read();
+        } catch (const RegistryFileError& error) {
+            logLimited("registry|" + sender, "unanswered registry requests of " + printable(sender),
+                       "registry request of " + printable(sender) +
+                           " left unanswered: " + printable(error.what()));
             return;
         }
     } else {
-        body = registryDocument();
+        body = _seen.document();
     }
-    orvikm::Payload payload(static_cast<unsigned>(body.size()), "json");
-    if (!body.empty()) {
-        std::memcpy(payload.getBuffer(), body.data(), body.size());
+    // The registry only lends its bytes to the header frames; the answer's
+    // payload frame shares them with every other answer still queued.
+    const orvikm::Registry registry(orvikm::Payload(
+        const_cast<char*>(body->data()), static_cast<unsigned>(body->size()), "json", nullptr));
+    answer(sender, registry, body, *body, "registry");
+}
+
+// Answers are counted against the dealer until libzmq has passed them on
+// (QueueAccount). One that would take a dealer beyond peerQueueBytes is
+// dropped: a dealer that reads never gets there, one that does not read must
+// not grow the node. A dealer with nothing queued always gets its answer, so
+// a registry larger than the limit still goes to a dealer that reads.
+void DevNode::answer(const std::string& peerIdentity, const Request& request,
+                     std::shared_ptr<const void> owner, std::string_view body,
+                     const std::string& what) {
+    const std::string command = request.wireName();
+    const std::vector<std::string> headers = headerFrames(request);
+    std::vector<std::string_view> frames{peerIdentity, kDelimiter, command};
+    frames.insert(frames.end(), headers.begin(), headers.end());
+    frames.push_back(kDelimiter);
+
+    const std::shared_ptr<QueueAccount> queued = peer(peerIdentity).answers;
+    const std::size_t cost = queuedCost(frames, body.size()) - peerIdentity.size() - kFrameCost;
+    const std::size_t held = queued->bytes();
+    if (held > 0 && held + cost > _options.peerQueueBytes) {
+        logLimited("answers|" + peerIdentity, "answers dropped for " + printable(peerIdentity),
+                   what + " for " + printable(peerIdentity) + " dropped: " + std::to_string(held) +
+                       " bytes of earlier answers are still waiting for it" +
+                       " (--peer-queue-bytes " + std::to_string(_options.peerQueueBytes) +
+                       "); it is not reading");
+        return;
     }
-    const orvikm::Registry registry(std::move(payload));
     try {
-        _router_sender.send(registry, &sender);
+        CountedFrame last(queued, cost, std::move(owner), body.data(), body.size());
+        if (sendWithoutWaiting(_router.handle(), frames, last) == SendOutcome::Sent) {
+            return;
+        }
+        logLimited("unreachable|" + peerIdentity,
+                   "answers for " + printable(peerIdentity) + " without a connection",
+                   "cannot send " + what + " to " + printable(peerIdentity) +
+                       ": no connection has that identity");
+    } catch (const wxblt::ZmqTermination&) {
+        throw;
     } catch (const wxblt::Exception& error) {
-        logLine("cannot answer registry request of " + printable(sender) + ": " +
-                oneLine(error.describe()));
+        logLimited("unreachable|" + peerIdentity,
+                   "answers for " + printable(peerIdentity) + " that failed",
+                   "cannot send " + what + " to " + printable(peerIdentity) + ": " +
+                       describeOnOneLine(error));
     }
 }
 
-void DevNode::see(const std::string& appId) {
-    _seen[appId] = std::chrono::system_clock::now();
+// Publications are counted until libzmq has passed on the last copy. While
+// publishQueueBytes are waiting for subscribers, a new one is dropped for
+// everyone (unless nothing waits: one message larger than the limit still
+// goes out). A subscriber whose own queue is full (subscriberQueue messages)
+// loses the copy alone: the publisher refuses it while lossless (EAGAIN),
+// which tells the node, and sends it again lossy, which drops it for that
+// subscriber and sets it aside until it has read half its queue.
+void DevNode::publish(const std::string& sender, orvikm::Message& message,
+                      const std::vector<std::string_view>& routes) {
+    const std::string command = message.wireName();
+    std::vector<std::string> headers;
+    message.visit_protocol_headers([&headers](std::string_view key, std::string_view value) {
+        std::string frame(key);
+        frame += Request::_hdr_sep;
+        frame += value;
+        headers.push_back(std::move(frame));
+    });
+    std::vector<std::string_view> frames{std::string_view()};  // the topic, per copy
+    frames.insert(frames.end(), message.pushRoutes().begin(), message.pushRoutes().end());
+    frames.push_back(kDelimiter);
+    frames.push_back(command);
+    frames.insert(frames.end(), headers.begin(), headers.end());
+    frames.push_back(kDelimiter);
+
+    const std::string id = printable(message.msgId());
+    const std::size_t bodySize = message.payload().size();
+    std::size_t cost = bodySize + routes.size() * queuedCost(frames, 0);
+    for (const std::string_view route : routes) {
+        cost += route.size();
+    }
+    const std::size_t held = _published->bytes();
+    if (held > 0 && held + cost > _options.publishQueueBytes) {
+        logLimited(
+            "publish", "messages not published",
+            "MSG " + id + " from " + printable(sender) + " not published: " + std::to_string(held) +
+                " bytes of earlier messages are still waiting for subscribers "
+                "(--publish-queue-bytes " +
+                std::to_string(_options.publishQueueBytes) + "); a subscriber is not reading");
+        return;
+    }
+    try {
+        const auto body = std::make_shared<orvikm::Payload>(std::move(message.payload()));
+        CountedFrame last(_published, cost, body, body->getBuffer(), bodySize);
+        for (const std::string_view route : routes) {
+            frames.front() = route;
+            if (sendWithoutWaiting(_publisher.handle(), frames, last) == SendOutcome::Sent) {
+                continue;
+            }
+            logLimited("subscriber", "messages dropped for subscribers that are not reading",
+                       "MSG " + id + " on route " + printable(route) +
+                           " dropped for a subscriber of that route: it has " +
+                           std::to_string(_options.subscriberQueue) +
+                           " messages waiting (--subscriber-queue); it is not reading and "
+                           "gets nothing more until it has caught up");
+            setLossless(false);
+            sendWithoutWaiting(_publisher.handle(), frames, last);
+            setLossless(true);
+        }
+    } catch (const wxblt::ZmqTermination&) {
+        throw;
+    } catch (const wxblt::Exception& error) {
+        setLossless(true);
+        logLimited("publish", "messages not published",
+                   "cannot publish MSG " + id + ": " + describeOnOneLine(error));
+    }
 }
 
-std::string DevNode::registryDocument() const {
-    std::ostringstream json;
-    json << "{\"applications\":[";
-    bool first = true;
-    for (const auto& [appId, when] : _seen) {
-        json << (first ? "" : ",") << "{\"app_id\":" << jsonString(appId)
-             << ",\"last_seen\":" << jsonString(timestamp(when)) << "}";
-        first = false;
+void DevNode::setLossless(bool lossless) {
+    setIntOption(_publisher, ZMQ_XPUB_NODROP, lossless ? 1 : 0);
+}
+
+void DevNode::readConnectionEvents() {
+    while (true) {
+        zmq_msg_t event;
+        zmq_msg_init(&event);
+        if (zmq_msg_recv(&event, _connection_events.handle(), ZMQ_DONTWAIT) < 0) {
+            zmq_msg_close(&event);
+            return;
+        }
+        std::uint16_t kind = 0;
+        std::int32_t connection = -1;
+        const bool complete = zmq_msg_size(&event) >= 6;
+        if (complete) {
+            std::memcpy(&kind, zmq_msg_data(&event), sizeof kind);
+            std::memcpy(&connection, static_cast<const char*>(zmq_msg_data(&event)) + 2,
+                        sizeof connection);
+        }
+        const bool more = zmq_msg_more(&event) != 0;
+        zmq_msg_close(&event);
+        if (more) {
+            _connection_events.flushMessage();  // the endpoint, which says nothing new
+        }
+        if (!complete) {
+            continue;
+        }
+        if (kind == ZMQ_EVENT_ACCEPTED) {
+            _connections[connection] = peerAddress(connection);
+        } else if (kind == ZMQ_EVENT_DISCONNECTED) {
+            _connections.erase(connection);
+            for (auto& [identity, known] : _peers) {
+                if (known.connection == connection) {
+                    known.connection = -1;
+                }
+            }
+        }
     }
-    json << "]}";
-    return json.str();
+}
+
+// A request from a connection other than the one last heard under the same
+// identity, while that one is still open, means two clients share the
+// identity: the router has handed it over to the newer connection.
+void DevNode::noteConnection(const std::string& identity, int connection) {
+    if (connection < 0) {
+        return;
+    }
+    Peer& known = peer(identity);
+    if (known.connection == connection) {
+        return;
+    }
+    // The monitor reports a closed connection long before a new one can send,
+    // but its report may still be waiting to be read.
+    readConnectionEvents();
+    if (known.connection >= 0) {
+        const auto address = [this](int descriptor) {
+            const auto found = _connections.find(descriptor);
+            return found == _connections.end() || found->second.empty() ? "unknown address"
+                                                                        : found->second;
+        };
+        logLimited("clash|" + identity, "identity clashes of " + printable(identity),
+                   "identity " + printable(identity) +
+                       " is used by two connections at once: the one from " + address(connection) +
+                       " has taken it over from the one from " + address(known.connection) +
+                       ", which is still open but no longer heard; do two clients share an "
+                       "app id?");
+    }
+    known.connection = connection;
+}
+
+DevNode::Peer& DevNode::peer(const std::string& identity) {
+    const auto found = _peers.find(identity);
+    if (found != _peers.end()) {
+        _peer_recency.splice(_peer_recency.end(), _peer_recency, found->second.recency);
+        return found->second;
+    }
+    if (_peers.size() >= kPeersRemembered) {
+        _peers.erase(_peer_recency.front());
+        _peer_recency.pop_front();
+    }
+    Peer& added = _peers[identity];
+    added.recency = _peer_recency.insert(_peer_recency.end(), identity);
+    return added;
 }
 
 void DevNode::logLine(const std::string& line) {
     _log << timestamp(std::chrono::system_clock::now()) << ' ' << line << std::endl;
+}
+
+void DevNode::logLimited(const std::string& key, const std::string& subject,
+                         const std::string& line) {
+    if (_limiter.admit(key, subject, LogLimiter::Clock::now())) {
+        logLine(line);
+    }
+}
+
+void DevNode::logSummaries() {
+    const auto now = LogLimiter::Clock::now();
+    if (now < _next_summaries) {
+        return;
+    }
+    _next_summaries = now + kSummaryInterval;
+    for (const std::string& line : _limiter.summaries(now)) {
+        logLine(line);
+    }
 }
 
 }  // namespace orvikdev

@@ -2,14 +2,25 @@
 
 #include <atomic>
 #include <chrono>
-#include <map>
+#include <cstddef>
+#include <list>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
 
+#include <orvikm/message.hpp>
 #include <orvikm/receiver.hpp>
-#include <orvikm/sender.hpp>
+#include <orvikm/request.hpp>
 #include <wxblt/socket.hpp>
+
+#include "log_limiter.hpp"
+#include "outgoing.hpp"
+#include "registry_file.hpp"
+#include "seen_applications.hpp"
 
 namespace orvikdev {
 
@@ -18,24 +29,42 @@ struct DevNodeOptions {
     int dispenserPort = 0;  // 0: a free port
     std::optional<std::string> registryFile;
     bool verbose = false;
+
+    // What one peer can cost the node; main.cpp's usage text explains each.
+    std::size_t maxRoutes = 1024;
+    std::size_t maxRegistryBytes = 16 * 1024 * 1024;
+    std::size_t maxApplications = 1024;
+    int subscriberQueue = 10000;  // messages
+    std::size_t publishQueueBytes = 64 * 1024 * 1024;
+    std::size_t peerQueueBytes = 32 * 1024 * 1024;
 };
 
 // A stand-in for the Orvik Node for local development: a PUB socket that
 // publishes messages to client listeners and a ROUTER socket that takes what
 // client dispensers write.
 //
-// - "MSG" is acknowledged to its sender, then published once per push route
-//   with the route as topic frame; without routes it is only acknowledged.
-// - "GREG" is answered with a "REG" holding the registry: the applications
-//   seen (by inbox checks and messages) with when each was last seen, as JSON,
-//   or the bytes of the registry file, read at every request; while the file
-//   cannot be read, requests are logged and left unanswered.
+// - "MSG" is acknowledged to its sender, then published once per distinct
+//   push route with the route as topic frame; without routes it is only
+//   acknowledged. One with more than maxRoutes routes is refused: logged,
+//   neither acknowledged nor published.
+// - "GREG" is answered with a "REG" holding the registry: the last
+//   maxApplications applications seen (by inbox checks and messages) with
+//   when each was last seen, as JSON, or the bytes of the registry file
+//   (see RegistryFile); while the file cannot be used, requests are logged
+//   and left unanswered.
 // - "BOX" is recorded; nothing else is answered.
 // - A malformed request is logged with its sender and skipped.
 //
-// Nothing the node sends is ever dropped for want of queue space: both
-// sockets have no high-water mark and the router reports an unknown peer
-// instead of dropping silently.
+// A peer that does not read costs a bounded amount: answers beyond
+// peerQueueBytes waiting for one dealer are dropped, and so are publications
+// beyond subscriberQueue messages waiting for one subscriber or beyond
+// publishQueueBytes waiting for all subscribers together. Every drop is
+// logged. Lines about what one peer did are rate-limited (LogLimiter), and
+// bytes a peer chose are escaped (printable()).
+//
+// A client that connects with a routing identity already in use takes it
+// over (ZMQ_ROUTER_HANDOVER): the node logs the clash, naming the identity,
+// and no longer hears the earlier connection.
 class DevNode {
 public:
     DevNode(DevNodeOptions options, std::ostream& log);
@@ -47,23 +76,60 @@ public:
     void run(const std::atomic<bool>& stop);
 
 private:
+    // What the node knows of one dealer, by its routing identity.
+    struct Peer {
+        int connection = -1;  // descriptor of the connection last heard, -1 when gone
+        std::shared_ptr<QueueAccount> answers = std::make_shared<QueueAccount>();
+        std::list<std::string>::iterator recency;
+    };
+
+    // The route section of a request: the routes up to maxRoutes, and how
+    // many there were in all.
+    struct Routes {
+        std::list<std::string> kept;
+        std::size_t count = 0;
+    };
+
     void serveOne();
-    void handleMessage(const std::string& sender, const orvikm::Message& message);
+    std::unique_ptr<orvikm::internal_objects::Request> receiveRequest(const std::string& sender);
+    Routes receiveRoutes();
+    void handleMessage(const std::string& sender, orvikm::Message& message);
     void answerRegistry(const std::string& sender);
-    void see(const std::string& appId);
-    std::string registryDocument() const;
+    void answer(const std::string& peer, const orvikm::internal_objects::Request& request,
+                std::shared_ptr<const void> owner, std::string_view body, const std::string& what);
+    void publish(const std::string& sender, orvikm::Message& message,
+                 const std::vector<std::string_view>& routes);
+    void setLossless(bool lossless);
+
+    void readConnectionEvents();
+    void noteConnection(const std::string& identity, int connection);
+    Peer& peer(const std::string& identity);
+
     void logLine(const std::string& line);
+    // Logs the line unless `key` has logged too much lately (LogLimiter).
+    void logLimited(const std::string& key, const std::string& subject, const std::string& line);
+    void logSummaries();
 
     DevNodeOptions _options;
     std::ostream& _log;
     wxblt::Socket _publisher;
     wxblt::Socket _router;
-    orvikm::Sender _publisher_sender;
-    orvikm::Sender _router_sender;
+    wxblt::Socket _connection_events;
     orvikm::Receiver _router_receiver;
     int _listener_port;
     int _dispenser_port;
-    std::map<std::string, std::chrono::system_clock::time_point> _seen;
+
+    SeenApplications _seen;
+    std::optional<RegistryFile> _registry_file;
+    std::shared_ptr<QueueAccount> _published = std::make_shared<QueueAccount>();
+    LogLimiter _limiter;
+    LogLimiter::Clock::time_point _next_summaries;
+
+    std::unordered_map<std::string, Peer> _peers;
+    std::list<std::string> _peer_recency;  // least recently heard first
+    // Open connections of the router by descriptor, with the peer's address.
+    std::unordered_map<int, std::string> _connections;
+    int _request_connection = -1;  // of the request being read
 };
 
 }  // namespace orvikdev

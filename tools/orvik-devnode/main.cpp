@@ -14,13 +14,18 @@ namespace {
 
 std::atomic<bool> stop_requested{false};
 
+constexpr unsigned long long kMaxCount = 100000000;
+// A registry travels with a 32-bit size, and is read whole into memory.
+constexpr unsigned long long kMaxRegistryBytes = 1ULL << 30;
+constexpr unsigned long long kMaxBytes = 1ULL << 40;
+
 extern "C" void requestStop(int) {
     stop_requested.store(true);
 }
 
 const char* const usage =
     R"(Usage: orvik-devnode [--listener-port PORT] [--dispenser-port PORT]
-                     [--registry FILE] [--verbose] [--help]
+                     [--registry FILE] [--verbose] [LIMITS...] [--help]
 
 A stand-in for the Orvik Node on this machine. Clients connect their listener
 to the listener port and their dispenser to the dispenser port, both on
@@ -32,28 +37,73 @@ to the listener port and their dispenser to the dispenser port, both on
                           (default 0: a free port)
   --registry FILE         answer registry requests with the bytes of FILE
                           (payload type "json") instead of the list of
-                          applications seen; FILE is read at every request,
-                          and a request that finds it unreadable is logged
-                          and left unanswered
+                          applications seen; FILE is read again whenever it
+                          has changed. Only a regular file of at most
+                          --max-registry-bytes is used: a request that finds
+                          it missing, too large or not a regular file (a
+                          FIFO, a device) is logged and left unanswered
   --verbose               log one line per request
   --help                  show this text
+
+Limits (what one client can cost the node):
+  --max-routes N          a message with more than N push routes is refused:
+                          logged, neither acknowledged nor published
+                          (default 1024)
+  --max-registry-bytes N  largest registry file used, in bytes (default
+                          16777216, 16 MiB; at most 1073741824)
+  --max-applications N    applications the registry lists; beyond N the one
+                          seen longest ago is forgotten (default 1024)
+  --subscriber-queue N    messages waiting for one subscriber; beyond N a
+                          subscriber that does not read loses further
+                          messages until it has read half of them
+                          (default 10000)
+  --publish-queue-bytes N bytes of messages waiting for all subscribers
+                          together; beyond N new messages are not published
+                          (default 67108864, 64 MiB)
+  --peer-queue-bytes N    bytes of answers (acknowledgements, registries)
+                          waiting for one client; beyond N further answers
+                          to it are dropped (default 33554432, 32 MiB)
+A client whose answers or messages wait is one that does not read: clients
+that read never reach these limits. The node reads at most 1000 requests
+ahead from one client; beyond that the client's connection waits, and
+nothing is lost.
 
 Once ready it prints one line:
   orvik-devnode ready: listener-port=PORT dispenser-port=PORT
 
 What it does:
   MSG   acknowledged to its sender with an ACK carrying its id, then published
-        once per push route, the route as topic frame followed by the message's
-        frames; a message without routes is acknowledged and dropped (logged).
+        once per distinct push route, the route as topic frame followed by
+        the message's frames; a message without routes is acknowledged and
+        dropped (logged).
   GREG  answered with a REG whose payload (type "json") is the registry:
         {"applications":[{"app_id":"...","last_seen":"YYYY-MM-DDTHH:MM:SSZ"}]}
-        listing every application seen by inbox checks and messages.
+        listing the applications seen by inbox checks and messages.
   BOX   recorded: the application counts as seen.
   ACK   logged with --verbose; nothing else is answered.
 A malformed request is logged with its sender and skipped; the node goes on.
-Nothing is dropped for want of queue space: the sockets have no high-water
-mark. SIGINT and SIGTERM stop it cleanly.
+Whatever is dropped is logged: what, for whom and why. The lines about one
+client are limited to 10 at once, then 1 a second and one summary line a
+second of those left out. Bytes a client sent are logged escaped: \xHH for
+anything but printable ASCII, \\ for a backslash.
+A client that connects with a routing identity already in use takes it
+over from the earlier connection, which is no longer heard; the node logs
+the clash, naming the identity. SIGINT and SIGTERM stop it cleanly.
 )";
+
+// A decimal count from `low` to `high`, nothing else.
+unsigned long long parseCount(const std::string& text, unsigned long long low,
+                              unsigned long long high) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
+        throw std::invalid_argument(text);
+    }
+    const unsigned long long value = std::stoull(text);
+    if (value < low || value > high) {
+        throw std::invalid_argument(text + " is not between " + std::to_string(low) + " and " +
+                                    std::to_string(high));
+    }
+    return value;
+}
 
 int parsePort(const std::string& text) {
     std::size_t end = 0;
@@ -88,6 +138,18 @@ int main(int argc, char** argv) {
                 options.registryFile = value();
             } else if (arg == "--verbose") {
                 options.verbose = true;
+            } else if (arg == "--max-routes") {
+                options.maxRoutes = parseCount(value(), 0, kMaxCount);
+            } else if (arg == "--max-registry-bytes") {
+                options.maxRegistryBytes = parseCount(value(), 0, kMaxRegistryBytes);
+            } else if (arg == "--max-applications") {
+                options.maxApplications = parseCount(value(), 1, kMaxCount);
+            } else if (arg == "--subscriber-queue") {
+                options.subscriberQueue = static_cast<int>(parseCount(value(), 1, kMaxCount));
+            } else if (arg == "--publish-queue-bytes") {
+                options.publishQueueBytes = parseCount(value(), 1, kMaxBytes);
+            } else if (arg == "--peer-queue-bytes") {
+                options.peerQueueBytes = parseCount(value(), 1, kMaxBytes);
             } else {
                 throw std::invalid_argument("unknown option " + arg);
             }
