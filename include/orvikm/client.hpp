@@ -25,49 +25,51 @@
 
 namespace orvikm {
 
-// The application's connection to the local Orvik Node: a listener (subscriber)
-// on which the node publishes messages for the application, and a dispenser
-// (dealer) on which the client writes everything it sends and receives the
-// node's answers.
-//
-// The client starts no thread. `send` may be called from any thread: it only
-// queues. The thread that calls blockThreadForIO becomes the I/O thread: it
-// alone touches the sockets, writes what is queued, and runs every callback
-// (message, registry, acknowledgement, error handler). terminate() from any
-// thread ends that loop. Only one I/O loop runs at a time: blockThreadForIO or
-// check entered while one runs, from another thread or from inside a
-// callback, is refused.
-//
-// An application id names one running instance. The node tells the
-// connections of its clients apart by identity (appId + "|disp"): while a
-// client with that identity is connected, a second one with the same id is
-// not let in, and what it writes is lost without an acknowledgement or an
-// error (its writes do not fail; its acknowledgement callbacks never run).
-//
-// A client must stay where it was constructed: it is neither copied nor moved.
+/// The application's connection to the local Orvik Node: a listener (subscriber)
+/// on which the node publishes messages for the application, and a dispenser
+/// (dealer) on which the client writes everything it sends and receives the
+/// node's answers.
+///
+/// The client starts no thread. `send` may be called from any thread: it only
+/// queues. The thread that calls blockThreadForIO becomes the I/O thread: it
+/// alone touches the sockets, writes what is queued, and runs every callback
+/// (message, registry, acknowledgement, error handler). terminate() from any
+/// thread ends that loop. Only one I/O loop runs at a time: blockThreadForIO or
+/// check entered while one runs, from another thread or from inside a
+/// callback, is refused.
+///
+/// An application id names one running instance. The node tells the
+/// connections of its clients apart by identity (appId + "|disp"): while a
+/// client with that identity is connected, a second one with the same id is
+/// not let in, and what it writes is lost without an acknowledgement or an
+/// error (its writes do not fail; its acknowledgement callbacks never run).
+///
+/// A client must stay where it was constructed: it is neither copied nor moved.
 class Client {
 public:
-    // The outgoing messages, most urgent (shortest validity) first. Messages of
-    // equal validity leave in no particular order. Every operation holds the
-    // queue's lock for its whole duration.
+    /// The outgoing messages, most urgent (shortest validity) first. Messages of
+    /// equal validity leave in no particular order. Every operation holds the
+    /// queue's lock for its whole duration.
     class MessageQueue {
     public:
+        /// An empty queue.
         MessageQueue();
-        // Takes over other's messages without locking it; other is left empty.
+        /// Takes over other's messages without locking it; other is left empty.
         MessageQueue(MessageQueue&& other);
 
-        // Moves the message in; the caller's object is left moved-from.
+        /// Moves the message in; the caller's object is left moved-from.
         void push(Message& message);
-        // Calls operation with the top message, under the queue's lock, and
-        // removes the message only when operation returns true. Returns false
-        // without calling it when the queue is empty; otherwise returns what
-        // operation returned. An operation's exception leaves the message on
-        // top. The operation must not use this queue.
+        /// Calls operation with the top message, under the queue's lock, and
+        /// removes the message only when operation returns true. Returns false
+        /// without calling it when the queue is empty; otherwise returns what
+        /// operation returned. An operation's exception leaves the message on
+        /// top. The operation must not use this queue.
         bool performOperation(std::function<bool(const Message&)> operation);
+        /// How many messages are queued.
         std::size_t size();
 
-        // The queue's less-than: a is less urgent than b when it stays valid
-        // longer.
+        /// The queue's less-than: a is less urgent than b when it stays valid
+        /// longer.
         static bool determine_priority(const Message& a, const Message& b);
 
     private:
@@ -77,22 +79,24 @@ public:
         Queue queue;
     };
 
-    // The acknowledgement callbacks of sent messages, by message id. Each runs
-    // once, on the first acknowledgement of its message, under the table's
-    // lock: a callback must not send with a result callback through the same
-    // client.
+    /// The acknowledgement callbacks of sent messages, by message id. Each runs
+    /// once, on the first acknowledgement of its message, under the table's
+    /// lock: a callback must not send with a result callback through the same
+    /// client.
     class MsgResultCallbacks {
     public:
+        /// An empty table.
         MsgResultCallbacks();
-        // Takes over other's entries without locking it; other is left empty.
+        /// Takes over other's entries without locking it; other is left empty.
         MsgResultCallbacks(MsgResultCallbacks&& other);
 
-        // Stores callback under the message's id, replacing any earlier one.
-        // An empty callback stores nothing.
+        /// Stores callback under the message's id, replacing any earlier one.
+        /// An empty callback stores nothing.
         void registerCallback(Message& message, std::function<void()> callback);
-        // Runs and then forgets the callback of the acknowledged message; an
-        // unknown id is ignored. A callback that throws stays registered.
+        /// Runs and then forgets the callback of the acknowledged message; an
+        /// unknown id is ignored. A callback that throws stays registered.
         void handleAck(internal_objects::Ack& ack);
+        /// How many callbacks wait for their acknowledgement.
         std::size_t size();
 
     private:
@@ -100,18 +104,21 @@ public:
         std::map<std::string, std::function<void()>> callbacks;
     };
 
-    // The flag that ends the I/O loop. A copy is always a fresh, unset flag.
+    /// The flag that ends the I/O loop. A copy is always a fresh, unset flag.
     class TerminationData {
     public:
+        /// An unset flag.
         TerminationData();
+        /// An unset flag too: other's state is not copied.
         TerminationData(const TerminationData& other);
-        // Leaves this object as it is.
+        /// Leaves this object as it is.
         TerminationData& operator=(const TerminationData& other);
 
-        // Sets the flag under its lock; may be called from any thread.
+        /// Sets the flag under its lock; may be called from any thread.
         void terminate();
-        // The flag itself; callers hold termLock().
+        /// The flag itself; callers hold termLock().
         bool& isTermed();
+        /// The lock that guards isTermed().
         std::mutex& termLock();
 
     private:
@@ -119,90 +126,102 @@ public:
         std::mutex _term_lock;
     };
 
-    // The longest application id: its header line "app_id|<id>" must fit the
-    // node's 100-byte frames.
+    /// The longest application id: its header line "app_id|<id>" must fit the
+    /// node's 100-byte frames.
     static constexpr std::size_t _max_app_id_size = 93;
 
-    // Creates both sockets with the identities appId + "|lstn" and
-    // appId + "|disp", subscribes the listener to every topic given (none
-    // means it receives nothing) and connects both to "tcp://localhost:PORT".
-    // Sends nothing: a node that is not running is noticed at the first write.
-    // Throws orvikm::Exception, naming the value, for an application id longer
-    // than 93 bytes or a port outside 1..65535 (with the context of the
-    // socket whose set-up it stopped).
+    /// Creates both sockets with the identities appId + "|lstn" and
+    /// appId + "|disp", subscribes the listener to every topic given (none
+    /// means it receives nothing) and connects both to "tcp://localhost:PORT".
+    /// Sends nothing: a node that is not running is noticed at the first write.
+    /// Throws orvikm::Exception, naming the value, for an application id longer
+    /// than 93 bytes or a port outside 1..65535 (with the context of the
+    /// socket whose set-up it stopped).
     Client(std::string appId, int listenerPort, int dispenserPort,
            std::vector<std::string> subscriptions);
+    /// Not copyable: a client stays where it was constructed.
     Client(const Client&) = delete;
+    /// Not copyable: a client stays where it was constructed.
     Client& operator=(const Client&) = delete;
-    // Releases everything without sending; queued messages are lost. Must not
-    // run while another thread is inside blockThreadForIO.
+    /// Releases everything without sending; queued messages are lost. Must not
+    /// run while another thread is inside blockThreadForIO.
     virtual ~Client();
 
+    /// The application id given at construction.
     const std::string& id() const { return _id; }
+    /// The termination flag that terminate() sets when its lock is free.
     TerminationData& termData() { return _term_data; }
-    // Asks the I/O loop to return at the end of its current pass. Any thread,
-    // and async-signal-safe: it never waits for a lock, so a signal handler
-    // may call it even when the signal interrupted the holder of the
-    // termination lock. It sets termData()'s flag when that lock is free, and
-    // a flag of its own that the loop reads at the same points in any case.
+    /// Asks the I/O loop to return at the end of its current pass. Any thread,
+    /// and async-signal-safe: it never waits for a lock, so a signal handler
+    /// may call it even when the signal interrupted the holder of the
+    /// termination lock. It sets termData()'s flag when that lock is free, and
+    /// a flag of its own that the loop reads at the same points in any case.
     void terminate();
 
-    // Queue a message for the node; onAck (may be empty) runs on the I/O thread
-    // when the node acknowledges it. Any thread; no I/O.
-    //
-    // What the node would refuse is refused here, before anything is
-    // registered or queued, with an orvikm::Exception naming the value and
-    // the limit: a route longer than 100 bytes, a route of one zero byte (it
-    // reads as the route delimiter), a header line ("app_id|<id>",
-    // "p_type|<type>", ...) longer than 100 bytes.
+    /// Queue a message for the node; onAck (may be empty) runs on the I/O thread
+    /// when the node acknowledges it. Any thread; no I/O.
+    ///
+    /// What the node would refuse is refused here, before anything is
+    /// registered or queued, with an orvikm::Exception naming the value and
+    /// the limit: a route longer than 100 bytes, a route of one zero byte (it
+    /// reads as the route delimiter), a header line ("app_id|<id>",
+    /// "p_type|<type>", ...) longer than 100 bytes.
     void send(Message message, std::function<void()> onAck);
-    // Takes the buffer over (it is released with delete[], also when the
-    // message is refused).
+    /// Builds the message from the arguments and queues it as
+    /// send(Message, std::function<void()>) does, with the same thread rules
+    /// and refusals. Takes the buffer over (it is released with delete[], also
+    /// when the message is refused).
     void send(char* buffer, unsigned int size, std::string payloadType,
               std::list<std::string> routes, std::chrono::seconds validFor,
               std::function<void()> onAck, Message::AckMode ackMode);
+    /// Builds the message from the arguments and queues it as
+    /// send(Message, std::function<void()>) does, with the same thread rules
+    /// and refusals.
     void send(Payload payload, std::list<std::string> routes, std::chrono::seconds validFor,
               std::function<void()> onAck, Message::AckMode ackMode);
-    // Acknowledges a received message at once, bypassing the queue. Belongs on
-    // the I/O thread, typically inside the message callback.
+    /// Acknowledges a received message at once, bypassing the queue. Belongs on
+    /// the I/O thread, typically inside the message callback. A failed write
+    /// throws its error of the orviku family to the caller, with the context
+    /// "While trying to acknowledge message with id: <id>" (a wxblt::Exception
+    /// with error 11 when the node is not available).
     void sendAck(const Message& message);
 
-    // The callback for every message the node sends; runs on the I/O thread
-    // with the client's lock held. Call it before the loop runs or on the I/O
-    // thread; called from inside the message callback (to replace or clear
-    // it), the running callback finishes safely and the new one takes over
-    // from the next message.
+    /// The callback for every message the node sends; runs on the I/O thread
+    /// with the client's lock held. Call it before the loop runs or on the I/O
+    /// thread; called from inside the message callback (to replace or clear
+    /// it), the running callback finishes safely and the new one takes over
+    /// from the next message.
     void onMessage(std::function<void(std::unique_ptr<Message>)> callback);
-    // Requests the node's registry now and then every `timeout` seconds; every
-    // registry that arrives goes to callback. An empty callback stops the
-    // requests. A timeout too large to add to a time (seconds::max()) means
-    // the first request only. Same thread rules as onMessage; it may be
-    // called from inside the registry callback.
+    /// Requests the node's registry now and then every `timeout` seconds; every
+    /// registry that arrives goes to callback. An empty callback stops the
+    /// requests. A timeout too large to add to a time (seconds::max()) means
+    /// the first request only. Same thread rules as onMessage; it may be
+    /// called from inside the registry callback.
     void obtainRegistry(std::function<void(std::shared_ptr<Registry>)> callback,
                         std::chrono::seconds timeout);
 
-    // Runs the I/O loop on the calling thread until terminate(). Each pass
-    // writes every queued message, then the registry request and the inbox
-    // check when due, then reads and dispatches until `timeout` passes without
-    // input. An error of the orviku family goes to errorHandler and ends the
-    // loop; any other exception reaches errorHandler as a GeneralException and
-    // is then rethrown. A shut-down socket context ends the loop silently.
-    //
-    // Only the low 32 bits of `timeout` reach the selector, and a negative
-    // count there means no wait: keep it between 0 and 2^31-1 ms (about 24
-    // days). A pass reads for as long as input keeps coming: with traffic
-    // arriving more often than `timeout`, queued messages wait and
-    // terminate() is seen only once the input pauses.
-    //
-    // While a loop runs, a second call (from another thread, or from inside a
-    // callback on the I/O thread) is refused at once: it throws, to its own
-    // caller and not to its error handler, an orvikm::Exception whose message
-    // begins "The I/O loop is already running"; the running loop goes on.
+    /// Runs the I/O loop on the calling thread until terminate(). Each pass
+    /// writes every queued message, then the registry request and the inbox
+    /// check when due, then reads and dispatches until `timeout` passes without
+    /// input. An error of the orviku family goes to errorHandler and ends the
+    /// loop; any other exception reaches errorHandler as a GeneralException and
+    /// is then rethrown. A shut-down socket context ends the loop silently.
+    ///
+    /// Only the low 32 bits of `timeout` reach the selector, and a negative
+    /// count there means no wait: keep it between 0 and 2^31-1 ms (about 24
+    /// days). A pass reads for as long as input keeps coming: with traffic
+    /// arriving more often than `timeout`, queued messages wait and
+    /// terminate() is seen only once the input pauses.
+    ///
+    /// While a loop runs, a second call (from another thread, or from inside a
+    /// callback on the I/O thread) is refused at once: it throws, to its own
+    /// caller and not to its error handler, an orvikm::Exception whose message
+    /// begins "The I/O loop is already running"; the running loop goes on.
     void blockThreadForIO(std::function<void(orviku::Exception&)> errorHandler,
                           std::chrono::milliseconds timeout);
-    // Waits up to `timeout` for input once and dispatches it; true when there
-    // was input. Writes nothing. The timeout is treated as in
-    // blockThreadForIO. Refused, like a second loop, while a loop runs.
+    /// Waits up to `timeout` for input once and dispatches it; true when there
+    /// was input. Writes nothing. The timeout is treated as in
+    /// blockThreadForIO. Refused, like a second loop, while a loop runs.
     bool check(std::chrono::milliseconds timeout);
 
 private:
