@@ -64,7 +64,7 @@ fuzz: build
 	scripts/fuzz.sh $(BUILD_DIR)/fuzz-build headers $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD_DIR) build-asan build-tsan
+	rm -rf $(BUILD_DIR) build-asan build-tsan $(PACKAGE_DIR)
 
 # The stress, burst and fault tests (label "stress") at full scale, one at a
 # time; their figures are collected in $(BUILD_DIR)/stress-figures.txt.
