@@ -34,20 +34,6 @@ const std::string kRegistryDropLog = "registry for stuck-reader dropped: ";
 const std::string kNotPublishedLog = "not published: ";
 const std::string kAckDropLog = "for stuck-reader dropped: ";
 
-// AddressSanitizer keeps freed memory aside for a while, so a process's
-// resident size under it says little about what the process holds.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kResidentSizeMeansMemoryHeld = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kResidentSizeMeansMemoryHeld = false;
-#else
-constexpr bool kResidentSizeMeansMemoryHeld = true;
-#endif
-#else
-constexpr bool kResidentSizeMeansMemoryHeld = true;
-#endif
-
 // What the node may grow by for one peer that does not read, with room for
 // the allocator's own slack.
 constexpr long kGrowthLimitKb = 64 * 1024;
@@ -153,7 +139,7 @@ TEST_F(DevNodeTest, SubscriberThatDoesNotReadLosesMessagesWhileOneThatReadsGetsT
     EXPECT_TRUE(reader.waitForCount(kFlood, kFloodLimit)) << reader.received();
     EXPECT_TRUE(node().waitForLine(kSubscriberDropLog, kEventLimit).has_value())
         << node().standardOutput();
-    if (kResidentSizeMeansMemoryHeld) {
+    if (kMemoryCanBeMeasured) {
         EXPECT_LT(nodeRssKb(node()) - before, kGrowthLimitKb);
     }
 }
@@ -199,7 +185,7 @@ TEST_F(DevNodeLargeRegistryTest, DealerThatDoesNotReadItsRegistriesCostsTheNodeA
     EXPECT_EQ(answer->back().bytes.size(), kRegistryBytes);
     EXPECT_TRUE(node().waitForLine(kRegistryDropLog, kEventLimit).has_value())
         << node().standardOutput();
-    if (kResidentSizeMeansMemoryHeld) {
+    if (kMemoryCanBeMeasured) {
         EXPECT_LT(nodeRssKb(node()) - before, kGrowthLimitKb);
     }
 }

@@ -166,21 +166,8 @@ TEST(DevNodeRegistryStartTest, FifoAsRegistryFileEndsTheStartWithStatusOne) {
         << node.standardError();
 }
 
-// The sanitizers reserve more address space than any limit below allows.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kAddressSpaceCanBeLimited = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kAddressSpaceCanBeLimited = false;
-#else
-constexpr bool kAddressSpaceCanBeLimited = true;
-#endif
-#else
-constexpr bool kAddressSpaceCanBeLimited = true;
-#endif
-
 TEST(DevNodeMemoryTest, RegistryFileTooLargeForTheMemoryLeftCostsOneAnswerNotTheNode) {
-    if (!kAddressSpaceCanBeLimited) {
+    if (!kMemoryCanBeMeasured) {
         GTEST_SKIP() << "a sanitizer needs all the address space it can get";
     }
     constexpr off_t kMiB = 1024 * 1024;

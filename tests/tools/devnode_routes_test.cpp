@@ -110,9 +110,11 @@ TEST_F(DevNodeRoutesTest, NodeAnswersAtOnceAndStaysSmallAfterAMessageWithThousan
 
     ASSERT_TRUE(answer.has_value());
     EXPECT_LT(answered - sent, kAnswerLimit);
-    const std::optional<long> rss = residentKb(node().pid());
-    ASSERT_TRUE(rss.has_value());
-    EXPECT_LT(*rss, kRssLimitKb);
+    if (kMemoryCanBeMeasured) {
+        const std::optional<long> rss = residentKb(node().pid());
+        ASSERT_TRUE(rss.has_value());
+        EXPECT_LT(*rss, kRssLimitKb);
+    }
 }
 
 TEST_F(DevNodeRoutesTest, MessageIsPublishedOncePerDistinctRoute) {
