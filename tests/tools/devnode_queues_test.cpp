@@ -64,12 +64,17 @@ public:
 
     RawPeer& peer() { return *_subscriber; }
 
-    void start() {
-        _reader = std::thread([this] {
+    // Reads as it comes; with a pause, stops reading for that long after
+    // every `every` messages.
+    void start(int every = 0, std::chrono::milliseconds pause = 0ms) {
+        _reader = std::thread([this, every, pause] {
             while (!_stopping.load()) {
                 const auto frames = _subscriber->receiveMessage(50ms);
                 if (frames && publishedId(*frames).rfind("flood-", 0) == 0) {
-                    _received.fetch_add(1);
+                    const int received = _received.fetch_add(1) + 1;
+                    if (every > 0 && received % every == 0) {
+                        std::this_thread::sleep_for(pause);
+                    }
                 }
             }
         });
@@ -220,6 +225,27 @@ TEST_F(DevNodeQueueLimitTest, MessagesBeyondThePublishedBytesLimitAreNotPublishe
     EXPECT_NE(line->find("(--publish-queue-bytes 1048576); a subscriber is not reading"),
               std::string::npos)
         << *line;
+}
+
+// A node that keeps at most 100 messages for a subscriber.
+class DevNodeSubscriberQueueLimitTest : public DevNodeTest {
+protected:
+    void SetUp() override { startNode({"--subscriber-queue", "100"}); }
+};
+
+TEST_F(DevNodeSubscriberQueueLimitTest, SubscriberThatFallsBehindForAMomentGetsEveryMessage) {
+    constexpr int kMessages = 2000;
+    const auto dealer = connectDealer(dispenserPort(), "flooder");
+    auto subscriber = stuckPeer(ZMQ_SUB, listenerPort());
+    ASSERT_TRUE(waitUntilSubscribed(*dealer, *subscriber, kTopic, kEventLimit));
+    ReadingSubscriber reader(std::move(subscriber));
+    // Each pause leaves the subscriber's queue full for a while.
+    reader.start(100, 20ms);
+
+    ASSERT_EQ(floodAndReadAcks(*dealer, kMessages), kMessages);
+
+    EXPECT_TRUE(reader.waitForCount(kMessages, kFloodLimit)) << reader.received();
+    EXPECT_EQ(logLinesContaining(kSubscriberDropLog), 0u) << node().standardOutput();
 }
 
 // A node that keeps at most 64 KiB of answers for a dealer.

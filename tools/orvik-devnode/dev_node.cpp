@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <thread>
 #include <unordered_set>
 #include <utility>
 
@@ -38,6 +39,10 @@ constexpr std::size_t kPeersRemembered = 4096;
 // Lines one peer may log at once; then one a second and a summary.
 constexpr unsigned kLogBurst = 10;
 constexpr auto kSummaryInterval = std::chrono::milliseconds(100);
+// How long a publication waits for a subscriber whose queue is full before
+// it is dropped for it, and how often it tries again meanwhile.
+constexpr auto kSubscriberGrace = std::chrono::milliseconds(100);
+constexpr auto kSubscriberRetry = std::chrono::milliseconds(1);
 
 int boundPort(const wxblt::Socket& socket) {
     const std::string endpoint = socket.lastEndpoint();
@@ -188,12 +193,8 @@ void DevNode::serveOne() {
         sender.assign(identity.bytes());
         more = identity.more();
     }
-    const std::string malformedKey = "malformed|" + sender;
-    const std::string malformedSubject = "malformed requests from " + printable(sender);
     if (!more) {
-        logLimited(
-            malformedKey, malformedSubject,
-            "malformed request from " + printable(sender) + ": no frames after the identity");
+        logMalformed(sender, "no frames after the identity");
         return;
     }
     std::unique_ptr<Request> request;
@@ -204,20 +205,18 @@ void DevNode::serveOne() {
         throw;
     } catch (const orviku::Exception& error) {
         noteConnection(sender, _request_connection);
-        logLimited(malformedKey, malformedSubject,
-                   "malformed request from " + printable(sender) + ": " + describeOnOneLine(error));
+        logMalformed(sender, describeOnOneLine(error));
         return;
     } catch (const std::bad_alloc&) {
         _router.flushMessage();
-        logLimited(malformedKey, malformedSubject,
+        logLimited("malformed|" + sender, "malformed requests from " + printable(sender),
                    "request from " + printable(sender) + " dropped: not enough memory for it");
         return;
     } catch (const std::exception& error) {
         // Errors outside the orviku family leave the rest of the request unread.
         _router.flushMessage();
         noteConnection(sender, _request_connection);
-        logLimited(malformedKey, malformedSubject,
-                   "malformed request from " + printable(sender) + ": " + describeForeign(error));
+        logMalformed(sender, describeForeign(error));
         return;
     }
     noteConnection(sender, _request_connection);
@@ -446,10 +445,13 @@ void DevNode::answer(const std::string& peerIdentity, const Request& request,
 // Publications are counted until libzmq has passed on the last copy. While
 // publishQueueBytes are waiting for subscribers, a new one is dropped for
 // everyone (unless nothing waits: one message larger than the limit still
-// goes out). A subscriber whose own queue is full (subscriberQueue messages)
-// loses the copy alone: the publisher refuses it while lossless (EAGAIN),
-// which tells the node, and sends it again lossy, which drops it for that
-// subscriber and sets it aside until it has read half its queue.
+// goes out). A full subscriber queue (subscriberQueue messages) makes the
+// lossless publisher refuse the copy (EAGAIN), which tells the node. A
+// subscriber that reads but fell behind for a moment gets kSubscriberGrace
+// to catch up, so a burst reaches it whole. After that the copy goes out
+// lossy: dropped for that subscriber alone, which libzmq then sets aside
+// until it has read half its queue, so a subscriber that does not read costs
+// the wait once, not at every message.
 void DevNode::publish(const std::string& sender, orvikm::Message& message,
                       const std::vector<std::string_view>& routes) {
     const std::string command = message.wireName();
@@ -488,7 +490,13 @@ void DevNode::publish(const std::string& sender, orvikm::Message& message,
         CountedFrame last(_published, cost, body, body->getBuffer(), bodySize);
         for (const std::string_view route : routes) {
             frames.front() = route;
-            if (sendWithoutWaiting(_publisher.handle(), frames, last) == SendOutcome::Sent) {
+            SendOutcome outcome = sendWithoutWaiting(_publisher.handle(), frames, last);
+            const auto giveUp = std::chrono::steady_clock::now() + kSubscriberGrace;
+            while (outcome == SendOutcome::Full && std::chrono::steady_clock::now() < giveUp) {
+                std::this_thread::sleep_for(kSubscriberRetry);
+                outcome = sendWithoutWaiting(_publisher.handle(), frames, last);
+            }
+            if (outcome == SendOutcome::Sent) {
                 continue;
             }
             logLimited("subscriber", "messages dropped for subscribers that are not reading",
@@ -605,6 +613,11 @@ void DevNode::logLimited(const std::string& key, const std::string& subject,
     if (_limiter.admit(key, subject, LogLimiter::Clock::now())) {
         logLine(line);
     }
+}
+
+void DevNode::logMalformed(const std::string& sender, const std::string& error) {
+    logLimited("malformed|" + sender, "malformed requests from " + printable(sender),
+               "malformed request from " + printable(sender) + ": " + error);
 }
 
 void DevNode::logSummaries() {

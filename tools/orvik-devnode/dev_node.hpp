@@ -108,6 +108,8 @@ private:
     void logLine(const std::string& line);
     // Logs the line unless `key` has logged too much lately (LogLimiter).
     void logLimited(const std::string& key, const std::string& subject, const std::string& line);
+    // `error` is log text already: escaped, on one line.
+    void logMalformed(const std::string& sender, const std::string& error);
     void logSummaries();
 
     DevNodeOptions _options;

@@ -40,6 +40,10 @@ bool LogLimiter::admit(const std::string& key, const std::string& subject, Clock
     }
     if (entry.held++ == 0) {
         ++_holding;
+        // The summary covers the time from the first line held back.
+        if (now - entry.summarised > kRefillInterval) {
+            entry.summarised = now;
+        }
     }
     entry.subject = subject;
     return false;

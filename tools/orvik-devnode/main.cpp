@@ -53,10 +53,10 @@ Limits (what one client can cost the node):
                           16777216, 16 MiB; at most 1073741824)
   --max-applications N    applications the registry lists; beyond N the one
                           seen longest ago is forgotten (default 1024)
-  --subscriber-queue N    messages waiting for one subscriber; beyond N a
-                          subscriber that does not read loses further
-                          messages until it has read half of them
-                          (default 10000)
+  --subscriber-queue N    messages waiting for one subscriber; beyond N the
+                          node waits up to 100 ms for it to catch up, then
+                          it loses further messages until it has read half
+                          of them (default 10000)
   --publish-queue-bytes N bytes of messages waiting for all subscribers
                           together; beyond N new messages are not published
                           (default 67108864, 64 MiB)
