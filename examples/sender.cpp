@@ -1,4 +1,5 @@
-// Sends messages from a worker thread and reports which the node acknowledged.
+// Sends messages from a worker thread, then flushes before exit: reports which
+// the node acknowledged.
 //
 //   sender --listener-port P --dispenser-port P [--route news] [--count 5]
 //          [--timeout 10]
@@ -27,7 +28,7 @@ int main(int argc, char** argv) {
     std::atomic<int> acknowledged{0};
 
     // send() only queues, so any thread may call it; the acknowledgement
-    // callbacks run later on the I/O thread, the one inside blockThreadForIO.
+    // callbacks run later on the I/O thread, the one the client borrows.
     std::thread worker([&] {
         for (int i = 1; i <= count; ++i) {
             const std::string text = "hello #" + std::to_string(i);
@@ -36,33 +37,31 @@ int main(int argc, char** argv) {
             client.send(
                 std::move(payload), {route}, std::chrono::seconds(30),
                 [&, i] {
-                    {
-                        std::lock_guard<std::mutex> guard(print);
-                        std::cout << "sender: message #" << i << " acknowledged" << std::endl;
-                    }
-                    if (++acknowledged == count) {
-                        client.terminate();
-                    }
+                    ++acknowledged;
+                    std::lock_guard<std::mutex> guard(print);
+                    std::cout << "sender: message #" << i << " acknowledged" << std::endl;
                 },
                 orvikm::Message::AckMode::ByNode);
             std::lock_guard<std::mutex> guard(print);
             std::cout << "sender: queued message #" << i << " on route " << route << std::endl;
         }
     });
+    worker.join();
 
-    const example::Watchdog watchdog(std::chrono::seconds(args.number("timeout", 10)),
-                                     [&] { client.terminate(); });
-
+    // Flush before exit: this thread runs the I/O loop until every message is
+    // written and acknowledged, an error occurs, or the deadline passes.
     bool failed = false;
-    client.blockThreadForIO(
-        [&](orviku::Exception& error) {
+    const orvikm::Client::FlushResult flushed = client.flush(
+        std::chrono::seconds(args.number("timeout", 10)), [&](orviku::Exception& error) {
             std::cerr << "sender: " << error.describe() << std::endl;
             failed = true;
-        },
-        std::chrono::milliseconds(50));
-    worker.join();
+        });
 
     std::cout << "sender: " << acknowledged << " of " << count << " messages acknowledged"
               << std::endl;
-    return !failed && acknowledged == count ? 0 : 1;
+    if (!flushed.complete) {
+        std::cerr << "sender: " << flushed.queued << " still queued, " << flushed.awaitingAck
+                  << " not acknowledged" << std::endl;
+    }
+    return !failed && flushed.complete ? 0 : 1;
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <list>
@@ -11,6 +12,7 @@
 #include <mutex>
 #include <queue>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <orvikm/control_requests.hpp>
@@ -65,8 +67,13 @@ public:
         /// operation returned. An operation's exception leaves the message on
         /// top. The operation must not use this queue.
         bool performOperation(std::function<bool(const Message&)> operation);
-        /// How many messages are queued.
-        std::size_t size();
+        /// How many messages are queued. Takes no lock (the count is kept
+        /// beside the queue), so it never waits for a write in progress.
+        std::size_t size() const;
+        /// Removes, under the queue's lock, every message for which `drop`
+        /// returns true, keeping the order of the rest; returns how many went.
+        /// `drop` must not use this queue.
+        std::size_t removeIf(const std::function<bool(const Message&)>& drop);
 
         /// The queue's less-than: a is less urgent than b when it stays valid
         /// longer.
@@ -77,6 +84,7 @@ public:
                                           bool (*)(const Message&, const Message&)>;
         std::mutex mutex;
         Queue queue;
+        std::atomic<std::size_t> count{0};
     };
 
     /// The acknowledgement callbacks of sent messages, by message id. Each runs
@@ -96,12 +104,19 @@ public:
         /// Runs and then forgets the callback of the acknowledged message; an
         /// unknown id is ignored. A callback that throws stays registered.
         void handleAck(internal_objects::Ack& ack);
-        /// How many callbacks wait for their acknowledgement.
-        std::size_t size();
+        /// As handleAck; true when a callback ran (and returned).
+        bool runCallback(internal_objects::Ack& ack);
+        /// Forgets the callback of a message without calling it; true when
+        /// there was one.
+        bool forget(const std::string& messageId);
+        /// How many callbacks wait for their acknowledgement. Takes no lock, so
+        /// an acknowledgement callback may ask.
+        std::size_t size() const;
 
     private:
         std::mutex mutex;
         std::map<std::string, std::function<void()>> callbacks;
+        std::atomic<std::size_t> count{0};
     };
 
     /// The flag that ends the I/O loop. A copy is always a fresh, unset flag.
@@ -130,6 +145,26 @@ public:
     /// node's 100-byte frames.
     static constexpr std::size_t _max_app_id_size = 93;
 
+    /// Settings beyond the constructor's four arguments. The defaults are the
+    /// client's behaviour without options.
+    struct Options {
+        /// With a value, a pass's reading step ends after at most this long,
+        /// so that queued messages are written under steady inbound traffic.
+        /// 0: a pass reads until the sockets are quiet.
+        std::chrono::milliseconds maxReadTime{0};
+        /// Inbound messages each socket queues while the application does not
+        /// read (ZeroMQ's receive high-water mark); what the node then drops is
+        /// the node's business. 0: unbounded.
+        int receiveLimit{0};
+        /// How long one write may wait for the node before it fails with error
+        /// 11 ("not available").
+        std::chrono::milliseconds sendTimeout{500};
+        /// With a value, a pass writes at most this many queued messages, then
+        /// reads, and the next pass goes on with the queue: acknowledgements
+        /// flow during a burst. 0: a pass writes everything queued.
+        std::size_t maxWriteBatch{0};
+    };
+
     /// Creates both sockets with the identities appId + "|lstn" and
     /// appId + "|disp", subscribes the listener to every topic given (none
     /// means it receives nothing) and connects both to "tcp://localhost:PORT".
@@ -139,6 +174,9 @@ public:
     /// socket whose set-up it stopped).
     Client(std::string appId, int listenerPort, int dispenserPort,
            std::vector<std::string> subscriptions);
+    /// As above, with options (see Options).
+    Client(std::string appId, int listenerPort, int dispenserPort,
+           std::vector<std::string> subscriptions, Options options);
     /// Not copyable: a client stays where it was constructed.
     Client(const Client&) = delete;
     /// Not copyable: a client stays where it was constructed.
@@ -224,6 +262,50 @@ public:
     /// blockThreadForIO. Refused, like a second loop, while a loop runs.
     bool check(std::chrono::milliseconds timeout);
 
+    /// Extensions: flush, counters, the delivery-failure report. None of them
+    /// changes what the calls above do while it is unused.
+
+    /// What the client holds and has done so far. Counters only grow.
+    struct Stats {
+        std::size_t queued;            ///< messages waiting to be written
+        std::size_t awaitingAck;       ///< acknowledgement callbacks registered and not yet run
+        std::uint64_t written;         ///< messages written to the node
+        std::uint64_t acknowledged;    ///< acknowledgements that ran a callback
+        std::uint64_t received;        ///< messages handed to the message callback
+        std::uint64_t errors;          ///< errors handed to an error handler
+        std::uint64_t unacknowledged;  ///< messages reported through onUnacknowledged
+    };
+    /// Any thread, callbacks included; reads atomics only, so it never waits
+    /// for I/O or for a lock a callback may hold. The fields are read one by
+    /// one: while the loop runs they may be a message apart.
+    Stats stats() const;
+
+    /// What a flush left behind when it returned.
+    struct FlushResult {
+        bool complete;            ///< everything was written and every callback acknowledged
+        std::size_t queued;       ///< messages still waiting to be written
+        std::size_t awaitingAck;  ///< acknowledgement callbacks still waiting
+    };
+    /// Runs the I/O loop on the calling thread until nothing is queued and no
+    /// acknowledgement callback is pending, or `deadline` has passed, or an
+    /// error occurs (handed to errorHandler as in blockThreadForIO; flush then
+    /// returns), or terminate() is called. For an application that lends a
+    /// thread only at the end ("everything I sent arrived before I exit") as
+    /// much as for one that never calls blockThreadForIO. Refused, like a
+    /// second loop, while a loop runs.
+    FlushResult flush(std::chrono::milliseconds deadline,
+                      std::function<void(orviku::Exception&)> errorHandler = nullptr);
+
+    /// Once set, a message sent with an acknowledgement callback whose
+    /// acknowledgement has not come within its validity period after it was
+    /// written has its callback forgotten and is reported once, by id; a
+    /// message whose validity runs out while it is still queued is taken out
+    /// of the queue and reported the same way. Reports run on the I/O thread,
+    /// checked about every 100 ms while a loop or flush runs. Only messages
+    /// sent while a report callback is set are watched. Unset (the default, or
+    /// an empty callback), nothing expires. Same thread rules as onMessage.
+    void onUnacknowledged(std::function<void(const std::string& msgId)> callback);
+
 private:
     void send_inbox();
     void send_get_registry();
@@ -237,8 +319,21 @@ private:
     void handle_request(std::unique_ptr<internal_objects::Request> request);
     // One run of the selector, as check() without its guard.
     bool poll_once(std::chrono::milliseconds timeout);
+    // Reads until the sockets are quiet for `timeout`, or for at most
+    // Options::maxReadTime when that is set.
+    void read_until_quiet(std::chrono::milliseconds timeout);
     // Whether the loop is to stop; called with the termination lock held.
     bool stop_requested();
+    // Clears both termination flags at the start of a loop.
+    void forget_termination();
+    // Hands an error to the application's handler as the loop does; rethrows
+    // what is not of the orviku family. Call it inside a catch block.
+    void report_loop_error(const std::function<void(orviku::Exception&)>& errorHandler);
+    // The delivery-failure report's bookkeeping.
+    void watch_queued(const Message& message, bool hasCallback);
+    void note_written(const std::string& msgId);
+    void note_acknowledged(const std::string& msgId);
+    void expire_due();
 
     std::chrono::system_clock::time_point _last_inbox;
     std::chrono::seconds _inbox_interval;
@@ -272,6 +367,29 @@ private:
     // is not put back after its call.
     bool _on_message_replaced{false};
     bool _on_registry_replaced{false};
+
+    Options _options;
+    std::atomic<std::uint64_t> _written{0};
+    std::atomic<std::uint64_t> _acknowledged{0};
+    std::atomic<std::uint64_t> _received{0};
+    std::atomic<std::uint64_t> _errors{0};
+    std::atomic<std::uint64_t> _unacknowledged{0};
+
+    // The delivery-failure report: while a report callback is set, every
+    // message sent is watched from send() until it is acknowledged, written
+    // without a callback, or reported.
+    struct Watched {
+        std::chrono::steady_clock::time_point deadline;
+        std::chrono::seconds validFor;
+        bool written;
+        bool hasCallback;
+    };
+    std::function<void(const std::string&)> _on_unacknowledged;
+    bool _on_unacknowledged_replaced{false};
+    std::atomic<bool> _watching{false};
+    std::mutex _watch_lock;
+    std::unordered_map<std::string, Watched> _watched;
+    std::chrono::steady_clock::time_point _next_expiry_check;
 };
 
 }  // namespace orvikm

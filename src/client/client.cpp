@@ -40,6 +40,16 @@ void checkAppId(const std::string& appId) {
     }
 }
 
+void checkOptions(const Client::Options& options) {
+    if (options.maxReadTime.count() < 0 || options.receiveLimit < 0 ||
+        options.sendTimeout.count() < 0) {
+        throw Exception("Client options must not be negative: maxReadTime " +
+                        std::to_string(options.maxReadTime.count()) + " ms, receiveLimit " +
+                        std::to_string(options.receiveLimit) + ", sendTimeout " +
+                        std::to_string(options.sendTimeout.count()) + " ms");
+    }
+}
+
 }  // namespace
 
 Client::TerminationData::TerminationData() : _termed(false) {}
@@ -65,6 +75,10 @@ std::mutex& Client::TerminationData::termLock() {
 
 Client::Client(std::string appId, int listenerPort, int dispenserPort,
                std::vector<std::string> subscriptions)
+    : Client(std::move(appId), listenerPort, dispenserPort, std::move(subscriptions), Options{}) {}
+
+Client::Client(std::string appId, int listenerPort, int dispenserPort,
+               std::vector<std::string> subscriptions, Options options)
     // Starting an inbox interval in the past makes the first pass check at once.
     : _last_inbox(system_clock::now() - std::chrono::seconds(60)),
       _inbox_interval(20),
@@ -80,7 +94,9 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
       _selector({{&_listener, [this](wxblt::Socket* socket) { receive_on_listener(socket); }},
                  {&_dispenser, [this](wxblt::Socket* socket) { receive_on_dispenser(socket); }}}),
       _id(std::move(appId)),
-      _subscriptions(std::move(subscriptions)) {
+      _subscriptions(std::move(subscriptions)),
+      _options(options) {
+    checkOptions(_options);
     // Neither socket limits its queues. ZeroMQ's default of 1000 messages each
     // way turns a node that is merely busy into errors and losses: a full
     // dealer send queue makes a write wait out the send timeout and fail with
@@ -89,12 +105,16 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
     // limited then drops acknowledgements and publications. The client's own
     // MessageQueue is unbounded anyway, and what arrives is held only until
     // the I/O loop reads it.
+    // Options::receiveLimit bounds what waits unread, for an application that
+    // would rather lose publications than memory.
     try {
-        _listener.setReceiveHighWaterMark(0);
+        _listener.setReceiveHighWaterMark(_options.receiveLimit);
         _dispenser.setSendHighWaterMark(0);
-        _dispenser.setReceiveHighWaterMark(0);
+        _dispenser.setReceiveHighWaterMark(_options.receiveLimit);
+        _dispenser.setSendTimeout(_options.sendTimeout);
     } catch (orviku::Exception& error) {
-        error.addContext("While trying to lift the queue limits of the client's sockets");
+        error.addContext(
+            "While trying to set the queue limits and send timeout of the client's sockets");
         throw;
     }
     try {

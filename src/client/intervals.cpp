@@ -1,5 +1,7 @@
 #include "intervals.hpp"
 
+#include <type_traits>
+
 namespace orvikm::detail {
 
 namespace {
@@ -37,6 +39,33 @@ bool intervalPassed(TimePoint last, std::chrono::seconds interval, TimePoint now
     const Wide elapsed =
         Wide{now.time_since_epoch().count()} - Wide{last.time_since_epoch().count()};
     return elapsed > ticksOf(interval);
+}
+
+namespace {
+
+using Steady = std::chrono::steady_clock;
+
+Steady::time_point steadyAt(Wide ticks) {
+    using SteadyTicks = Steady::duration;
+    if (ticks < Wide{SteadyTicks::min().count()}) {
+        return Steady::time_point::min();
+    }
+    if (ticks > Wide{SteadyTicks::max().count()}) {
+        return Steady::time_point::max();
+    }
+    return Steady::time_point(SteadyTicks(static_cast<SteadyTicks::rep>(ticks)));
+}
+
+static_assert(std::is_same_v<Steady::duration, std::chrono::nanoseconds>);
+
+}  // namespace
+
+Steady::time_point steadyAfter(Steady::time_point now, std::chrono::nanoseconds duration) {
+    return steadyAt(Wide{now.time_since_epoch().count()} + Wide{duration.count()});
+}
+
+Steady::time_point steadyAfter(Steady::time_point now, std::chrono::seconds duration) {
+    return steadyAt(Wide{now.time_since_epoch().count()} + Wide{duration.count()} * 1000000000);
 }
 
 }  // namespace orvikm::detail

@@ -16,4 +16,11 @@ TimePoint earlierBy(TimePoint now, std::chrono::seconds interval);
 // A `last` at the clock's earliest time has always passed.
 bool intervalPassed(TimePoint last, std::chrono::seconds interval, TimePoint now);
 
+// `now` plus `duration` on the steady clock, held at the clock's range: a
+// validity of seconds::max() is a deadline that never comes.
+std::chrono::steady_clock::time_point steadyAfter(std::chrono::steady_clock::time_point now,
+                                                  std::chrono::nanoseconds duration);
+std::chrono::steady_clock::time_point steadyAfter(std::chrono::steady_clock::time_point now,
+                                                  std::chrono::seconds duration);
+
 }  // namespace orvikm::detail

@@ -1,5 +1,6 @@
 #include <orvikm/client.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <wxblt/exception.hpp>
 
 #include "intervals.hpp"
+#include "loop_support.hpp"
 
 namespace orvikm {
 
@@ -30,52 +32,6 @@ std::unique_ptr<internal_objects::Request> receiveFrom(Receiver& receiver, wxblt
     }
 }
 
-const std::string loop_running =
-    "The I/O loop is already running (on another thread, or this call comes from inside one of "
-    "its callbacks)";
-
-// Marks the I/O loop as running for its lifetime, or refuses to: two loops
-// would use the sockets from two threads at once, and a loop entered from a
-// callback would wait for a lock its own thread holds. An atomic exchange
-// costs the hot path no lock.
-class IoLoopEntry {
-public:
-    IoLoopEntry(std::atomic<bool>& running, const char* context) : _running(running) {
-        if (_running.exchange(true, std::memory_order_acquire)) {
-            Exception refusal(loop_running);
-            refusal.throwWithContext(context);
-        }
-    }
-    IoLoopEntry(const IoLoopEntry&) = delete;
-    IoLoopEntry& operator=(const IoLoopEntry&) = delete;
-    ~IoLoopEntry() { _running.store(false, std::memory_order_release); }
-
-private:
-    std::atomic<bool>& _running;
-};
-
-// Calls the callback held in `slot` so that the callback may replace or clear
-// `slot` meanwhile (a one-shot handler clears itself): it runs from a local,
-// and goes back into the slot afterwards unless the slot was set during the
-// call.
-template <typename Callback, typename Argument>
-void callReplaceable(Callback& slot, bool& replaced, Argument&& argument) {
-    Callback running;
-    running.swap(slot);
-    replaced = false;
-    struct PutBack {
-        Callback& slot;
-        Callback& running;
-        bool& replaced;
-        ~PutBack() {
-            if (!replaced) {
-                slot.swap(running);
-            }
-        }
-    } putBack{slot, running, replaced};
-    running(std::forward<Argument>(argument));
-}
-
 }  // namespace
 
 void Client::onMessage(std::function<void(std::unique_ptr<Message>)> callback) {
@@ -94,33 +50,61 @@ void Client::obtainRegistry(std::function<void(std::shared_ptr<Registry>)> callb
 
 void Client::blockThreadForIO(std::function<void(orviku::Exception&)> errorHandler,
                               std::chrono::milliseconds timeout) {
-    const IoLoopEntry entry(_io_running, "While trying to run the I/O loop");
-    {
-        // A terminate() from before this loop is forgotten.
-        std::lock_guard<std::mutex> guard(_term_data.termLock());
-        _term_data.isTermed() = false;
-        _stop_signalled.store(false);
-    }
+    const detail::IoLoopEntry entry(_io_running, "While trying to run the I/O loop");
+    forget_termination();
     try {
         std::unique_lock<std::mutex> guard(_term_data.termLock());
         while (!stop_requested()) {
             guard.unlock();
+            expire_due();
             send_all_msgs();
-            while (poll_once(timeout)) {
-            }
+            read_until_quiet(timeout);
             guard.lock();
         }
+    } catch (...) {
+        report_loop_error(errorHandler);
+    }
+}
+
+void Client::forget_termination() {
+    // A terminate() from before this loop is forgotten.
+    std::lock_guard<std::mutex> guard(_term_data.termLock());
+    _term_data.isTermed() = false;
+    _stop_signalled.store(false);
+}
+
+void Client::report_loop_error(const std::function<void(orviku::Exception&)>& errorHandler) {
+    try {
+        throw;
     } catch (wxblt::ZmqTermination&) {
     } catch (orviku::Exception& error) {
         if (errorHandler) {
+            ++_errors;
             errorHandler(error);
         }
     } catch (...) {
         if (errorHandler) {
+            ++_errors;
             orviku::GeneralException unknown(
                 "An unknown error occured. We do not know how to handle it");
             errorHandler(unknown);
             throw;
+        }
+    }
+}
+
+void Client::read_until_quiet(std::chrono::milliseconds timeout) {
+    if (_options.maxReadTime.count() <= 0) {
+        while (poll_once(timeout)) {
+        }
+        return;
+    }
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + _options.maxReadTime;
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        if (left.count() <= 0 || !poll_once(std::min(timeout, left))) {
+            return;
         }
     }
 }
@@ -134,7 +118,7 @@ bool Client::stop_requested() {
 }
 
 bool Client::check(std::chrono::milliseconds timeout) {
-    const IoLoopEntry entry(_io_running, "While trying to check for input");
+    const detail::IoLoopEntry entry(_io_running, "While trying to check for input");
     return poll_once(timeout);
 }
 
@@ -188,19 +172,25 @@ void Client::handle_request(std::unique_ptr<internal_objects::Request> request) 
             return;
         }
         std::unique_ptr<Message> message(static_cast<Message*>(request.release()));
+        ++_received;
         std::lock_guard<std::mutex> guard(*_lock);
-        callReplaceable(_on_message, _on_message_replaced, std::move(message));
+        detail::callReplaceable(_on_message, _on_message_replaced, std::move(message));
         return;
     }
     if (dynamic_cast<Registry*>(request.get()) != nullptr) {
         std::shared_ptr<Registry> registry(static_cast<Registry*>(request.release()));
         if (_on_registry) {
-            callReplaceable(_on_registry, _on_registry_replaced, std::move(registry));
+            detail::callReplaceable(_on_registry, _on_registry_replaced, std::move(registry));
         }
         return;
     }
     if (auto* ack = dynamic_cast<internal_objects::Ack*>(request.get())) {
-        _result_callbacks.handleAck(*ack);
+        if (_watching.load(std::memory_order_relaxed)) {
+            note_acknowledged(ack->messageId());
+        }
+        if (_result_callbacks.runCallback(*ack)) {
+            ++_acknowledged;
+        }
     }
 }
 

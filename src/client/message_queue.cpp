@@ -1,18 +1,36 @@
 #include <orvikm/client.hpp>
 
+#include <algorithm>
 #include <utility>
 
 namespace orvikm {
 
+namespace {
+
+// The priority queue keeps its container protected; removing from the middle
+// needs it. A member pointer taken through a derived class reaches it without
+// changing the queue's type.
+template <typename Queue>
+typename Queue::container_type& containerOf(Queue& queue) {
+    struct Access : Queue {
+        static typename Queue::container_type Queue::*member() { return &Access::c; }
+    };
+    return queue.*Access::member();
+}
+
+}  // namespace
+
 Client::MessageQueue::MessageQueue() : queue(&MessageQueue::determine_priority) {}
 
-Client::MessageQueue::MessageQueue(MessageQueue&& other) : queue(std::move(other.queue)) {
+Client::MessageQueue::MessageQueue(MessageQueue&& other)
+    : queue(std::move(other.queue)), count(other.count.exchange(0)) {
     other.queue = Queue(&MessageQueue::determine_priority);
 }
 
 void Client::MessageQueue::push(Message& message) {
     std::lock_guard<std::mutex> guard(mutex);
     queue.push(std::move(message));
+    count.store(queue.size(), std::memory_order_relaxed);
 }
 
 bool Client::MessageQueue::performOperation(std::function<bool(const Message&)> operation) {
@@ -23,13 +41,26 @@ bool Client::MessageQueue::performOperation(std::function<bool(const Message&)> 
     const bool done = operation(queue.top());
     if (done) {
         queue.pop();
+        count.store(queue.size(), std::memory_order_relaxed);
     }
     return done;
 }
 
-std::size_t Client::MessageQueue::size() {
+std::size_t Client::MessageQueue::size() const {
+    return count.load(std::memory_order_relaxed);
+}
+
+std::size_t Client::MessageQueue::removeIf(const std::function<bool(const Message&)>& drop) {
     std::lock_guard<std::mutex> guard(mutex);
-    return queue.size();
+    auto& messages = containerOf(queue);
+    const auto kept = std::remove_if(messages.begin(), messages.end(), drop);
+    const auto removed = static_cast<std::size_t>(messages.end() - kept);
+    if (removed > 0) {
+        messages.erase(kept, messages.end());
+        std::make_heap(messages.begin(), messages.end(), &MessageQueue::determine_priority);
+        count.store(queue.size(), std::memory_order_relaxed);
+    }
+    return removed;
 }
 
 bool Client::MessageQueue::determine_priority(const Message& a, const Message& b) {

@@ -13,6 +13,9 @@ void Client::send(Message message, std::function<void()> onAck) {
     // The node refuses what does not fit its frames without a word back: the
     // application hears of it here or never.
     detail::check_sendable(message);
+    if (_watching.load(std::memory_order_relaxed)) {
+        watch_queued(message, static_cast<bool>(onAck));
+    }
     // Registered first: an acknowledgement can never outrun its callback.
     _result_callbacks.registerCallback(message, std::move(onAck));
     _msg_queue.push(message);
@@ -43,13 +46,22 @@ bool Client::send_one_msg() {
         } catch (orviku::Exception& error) {
             error.throwWithContext("While trying to send queued message id=" + message.msgId());
         }
+        ++_written;
+        if (_watching.load(std::memory_order_relaxed)) {
+            note_written(message.msgId());
+        }
         return true;
     });
 }
 
 void Client::send_all_msgs() {
     try {
-        while (send_one_msg()) {
+        // Without a batch bound a pass writes until the queue is empty.
+        const std::size_t batch = _options.maxWriteBatch;
+        for (std::size_t written = 0; batch == 0 || written < batch; ++written) {
+            if (!send_one_msg()) {
+                break;
+            }
         }
     } catch (orviku::Exception& error) {
         error.addContext("While trying to send all queued messages");

@@ -2,6 +2,7 @@
 
 #include <zmq.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -181,6 +182,14 @@ void Socket::setSendHighWaterMark(int messages) {
 void Socket::setReceiveHighWaterMark(int messages) {
     detail::throwIfShutDown();
     setIntOption(_handle, ZMQ_RCVHWM, messages);
+}
+
+void Socket::setSendTimeout(std::chrono::milliseconds timeout) {
+    detail::throwIfShutDown();
+    const auto limit = std::chrono::milliseconds(std::numeric_limits<int>::max());
+    setIntOption(
+        _handle, ZMQ_SNDTIMEO,
+        static_cast<int>(std::clamp(timeout, std::chrono::milliseconds(-1), limit).count()));
 }
 
 void Socket::setRouterMandatory(bool mandatory) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include <wxblt/frame.hpp>
@@ -86,6 +87,10 @@ public:
     void setSendHighWaterMark(int messages);
     void setReceiveHighWaterMark(int messages);
     ///@}
+    /// How long a send may wait for queue space or a peer before it fails with
+    /// EAGAIN (500 ms unless set); a negative value waits as long as it takes,
+    /// 0 never waits.
+    void setSendTimeout(std::chrono::milliseconds timeout);
     /// ROUTER only: a send to an unknown peer fails with EHOSTUNREACH instead
     /// of being dropped silently.
     void setRouterMandatory(bool mandatory);

@@ -1,0 +1,160 @@
+#include <orvikm/client.hpp>
+
+#include <algorithm>
+#include <unordered_set>
+#include <utility>
+
+#include "intervals.hpp"
+#include "loop_support.hpp"
+
+// The calls beyond the client's original surface: counters, flush and the
+// delivery-failure report.
+namespace orvikm {
+
+namespace {
+
+using Steady = std::chrono::steady_clock;
+
+// Often enough for validity periods counted in seconds; rarely enough that a
+// sweep over every watched message costs nothing worth measuring.
+constexpr std::chrono::milliseconds expiry_check_interval(100);
+// The longest a flush waits for input before it looks at the queue again, so
+// that messages queued by other threads meanwhile are written.
+constexpr std::chrono::milliseconds flush_poll_limit(10);
+
+}  // namespace
+
+Client::Stats Client::stats() const {
+    return Stats{_msg_queue.size(),     _result_callbacks.size(), _written.load(),
+                 _acknowledged.load(),  _received.load(),         _errors.load(),
+                 _unacknowledged.load()};
+}
+
+Client::FlushResult Client::flush(std::chrono::milliseconds deadline,
+                                  std::function<void(orviku::Exception&)> errorHandler) {
+    const detail::IoLoopEntry entry(_io_running, "While trying to flush");
+    forget_termination();
+    const Steady::time_point end =
+        detail::steadyAfter(Steady::now(), std::max(deadline, deadline.zero()));
+    const auto done = [this] { return _msg_queue.size() == 0 && _result_callbacks.size() == 0; };
+    try {
+        for (;;) {
+            expire_due();
+            send_all_msgs();
+            if (done()) {
+                break;
+            }
+            {
+                std::lock_guard<std::mutex> guard(_term_data.termLock());
+                if (stop_requested()) {
+                    break;
+                }
+            }
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Steady::now());
+            if (left.count() <= 0) {
+                break;
+            }
+            // Input is read as it comes; the completion test follows each
+            // batch of it.
+            if (poll_once(std::min(left, flush_poll_limit))) {
+                const Steady::time_point readEnd = Steady::now() + flush_poll_limit;
+                while (!done() && Steady::now() < readEnd &&
+                       poll_once(std::chrono::milliseconds(0))) {
+                }
+            }
+        }
+    } catch (...) {
+        report_loop_error(errorHandler);
+    }
+    const std::size_t queued = _msg_queue.size();
+    const std::size_t awaiting = _result_callbacks.size();
+    return FlushResult{queued == 0 && awaiting == 0, queued, awaiting};
+}
+
+void Client::onUnacknowledged(std::function<void(const std::string& msgId)> callback) {
+    _on_unacknowledged = std::move(callback);
+    _on_unacknowledged_replaced = true;
+    const bool watching = static_cast<bool>(_on_unacknowledged);
+    _watching.store(watching);
+    if (!watching) {
+        std::lock_guard<std::mutex> guard(_watch_lock);
+        _watched.clear();
+    }
+}
+
+void Client::watch_queued(const Message& message, bool hasCallback) {
+    const Watched watched{detail::steadyAfter(Steady::now(), message.validFor()),
+                          message.validFor(), false, hasCallback};
+    std::lock_guard<std::mutex> guard(_watch_lock);
+    _watched.insert_or_assign(message.msgId(), watched);
+}
+
+void Client::note_written(const std::string& msgId) {
+    std::lock_guard<std::mutex> guard(_watch_lock);
+    const auto entry = _watched.find(msgId);
+    if (entry == _watched.end()) {
+        return;
+    }
+    if (!entry->second.hasCallback) {
+        // Nothing waits for its acknowledgement: nothing to report.
+        _watched.erase(entry);
+        return;
+    }
+    entry->second.written = true;
+    entry->second.deadline = detail::steadyAfter(Steady::now(), entry->second.validFor);
+}
+
+void Client::note_acknowledged(const std::string& msgId) {
+    std::lock_guard<std::mutex> guard(_watch_lock);
+    _watched.erase(msgId);
+}
+
+void Client::expire_due() {
+    if (!_watching.load(std::memory_order_relaxed)) {
+        return;
+    }
+    const Steady::time_point now = Steady::now();
+    if (now < _next_expiry_check) {
+        return;
+    }
+    _next_expiry_check = now + expiry_check_interval;
+
+    std::vector<std::string> queued;
+    std::vector<std::string> written;
+    {
+        std::lock_guard<std::mutex> guard(_watch_lock);
+        for (auto entry = _watched.begin(); entry != _watched.end();) {
+            if (entry->second.deadline > now) {
+                ++entry;
+                continue;
+            }
+            (entry->second.written ? written : queued).push_back(entry->first);
+            entry = _watched.erase(entry);
+        }
+    }
+    if (!queued.empty()) {
+        const std::unordered_set<std::string> expired(queued.begin(), queued.end());
+        _msg_queue.removeIf(
+            [&expired](const Message& message) { return expired.count(message.msgId()) > 0; });
+        for (const std::string& id : queued) {
+            _result_callbacks.forget(id);
+        }
+    }
+    for (std::string& id : written) {
+        if (!_result_callbacks.forget(id)) {
+            // Acknowledged meanwhile.
+            id.clear();
+        }
+    }
+    for (std::vector<std::string>* ids : {&queued, &written}) {
+        for (const std::string& id : *ids) {
+            if (id.empty() || !_on_unacknowledged) {
+                continue;
+            }
+            ++_unacknowledged;
+            detail::callReplaceable(_on_unacknowledged, _on_unacknowledged_replaced, id);
+        }
+    }
+}
+
+}  // namespace orvikm

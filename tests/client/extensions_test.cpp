@@ -1,0 +1,570 @@
+#include <orvikm/client.hpp>
+
+#include <zmq.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <orvikm/errors.hpp>
+#include <orvikm/message.hpp>
+#include <orvikm/payload.hpp>
+#include <wxblt/exception.hpp>
+
+#include "support/error_capture.hpp"
+#include "support/loop_thread.hpp"
+#include "support/payload_helpers.hpp"
+#include "support/raw_peer.hpp"
+#include "support/reserved_port.hpp"
+#include "support/test_node.hpp"
+
+// The calls beyond the original surface, against a test node that answers
+// only when told to: flush, the counters, the delivery-failure report and the
+// options.
+namespace {
+
+using namespace std::chrono_literals;
+using orvikm::Client;
+using orvikm::Message;
+using testsupport::LoopThread;
+using testsupport::TestNode;
+using Steady = std::chrono::steady_clock;
+
+const std::string kAppId = "extensions-app";
+const std::string kDispenserIdentity = "extensions-app|disp";
+const std::string kTopic = "extensions-topic";
+const std::string kMessageCommand = "MSG";
+const std::string kInboxCommand = "BOX";
+const std::string kNotAvailable = "Orvik Node is not available";
+
+constexpr auto kEventLimit = 5s;
+constexpr auto kQuietTime = 300ms;
+constexpr auto kShortValidity = 1s;
+constexpr auto kLongValidity = 60s;
+
+Message messageValidFor(std::chrono::seconds validFor) {
+    return Message(testsupport::payloadOf("body", "text/plain"),
+                   Message::Config(kAppId, {}, validFor, Message::AckMode::ByNode));
+}
+
+// Sends a message with an acknowledgement callback that counts; returns its
+// id.
+std::string sendCounted(Client& client, std::atomic<int>& acknowledged,
+                        std::chrono::seconds validFor = kLongValidity) {
+    Message message = messageValidFor(validFor);
+    const std::string id = message.msgId();
+    client.send(std::move(message), [&acknowledged] { ++acknowledged; });
+    return id;
+}
+
+std::vector<std::string> published(const std::string& id) {
+    std::vector<std::string> frames = testsupport::messageFrames(id, "published");
+    frames.insert(frames.begin(), kTopic);
+    return frames;
+}
+
+// Report callbacks run on the I/O thread; the test reads what they recorded.
+class Reports {
+public:
+    std::function<void(const std::string&)> callback() {
+        return [this](const std::string& id) {
+            std::lock_guard<std::mutex> guard(_mutex);
+            _ids.push_back(id);
+        };
+    }
+    std::vector<std::string> ids() const {
+        std::lock_guard<std::mutex> guard(_mutex);
+        return _ids;
+    }
+    bool waitForCount(std::size_t count, std::chrono::milliseconds limit) const {
+        const auto end = Steady::now() + limit;
+        while (Steady::now() < end) {
+            if (ids().size() >= count) {
+                return true;
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+        return ids().size() >= count;
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::vector<std::string> _ids;
+};
+
+// Flush
+
+TEST(ClientFlushTest, FlushWithNothingToDoIsCompleteAtOnce) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    ASSERT_TRUE(node.waitForDispenserPeer());
+
+    const Client::FlushResult result = client.flush(kEventLimit);
+
+    EXPECT_TRUE(result.complete);
+    EXPECT_EQ(result.queued, 0u);
+    EXPECT_EQ(result.awaitingAck, 0u);
+}
+
+TEST(ClientFlushTest, FlushReturnsCompleteOnceEveryMessageIsAcknowledged) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::atomic<int> acknowledged{0};
+    const std::string first = sendCounted(client, acknowledged);
+    const std::string second = sendCounted(client, acknowledged);
+    // The node acknowledges both once it has read them.
+    auto answering = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 2; ++i) {
+            const auto written = node.receiveCommand(kMessageCommand);
+            if (written) {
+                node.sendTo(kDispenserIdentity, testsupport::ackFrames(written->headers.at("id")));
+            }
+        }
+    });
+
+    const Client::FlushResult result = client.flush(kEventLimit);
+
+    answering.wait();
+    EXPECT_TRUE(result.complete);
+    EXPECT_EQ(result.queued, 0u);
+    EXPECT_EQ(result.awaitingAck, 0u);
+    EXPECT_EQ(acknowledged.load(), 2);
+}
+
+TEST(ClientFlushTest, FlushEndsIncompleteAtItsDeadlineWhenAcknowledgementsAreMissing) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged);
+    ASSERT_TRUE(node.waitForDispenserPeer());
+    const auto start = Steady::now();
+
+    const Client::FlushResult result = client.flush(300ms);
+
+    const auto took = Steady::now() - start;
+    EXPECT_FALSE(result.complete);
+    EXPECT_EQ(result.queued, 0u);
+    EXPECT_EQ(result.awaitingAck, 1u);
+    EXPECT_GE(took, 300ms);
+    EXPECT_LT(took, 3s);
+    EXPECT_TRUE(node.receiveCommand(kMessageCommand));
+}
+
+TEST(ClientFlushTest, FlushWithTheNodeAbsentHandsTheErrorOverAndEndsIncomplete) {
+    testsupport::ReservedPort listener;
+    testsupport::ReservedPort dispenser;
+    Client client(kAppId, listener.port(), dispenser.port(), {});
+    std::atomic<int> acknowledged{0};
+    const std::string id = sendCounted(client, acknowledged);
+    std::vector<std::string> errors;
+
+    const Client::FlushResult result = client.flush(
+        kEventLimit, [&errors](orviku::Exception& error) { errors.push_back(error.describe()); });
+
+    EXPECT_FALSE(result.complete);
+    EXPECT_EQ(result.queued, 1u);
+    EXPECT_EQ(result.awaitingAck, 1u);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find(kNotAvailable), std::string::npos) << errors[0];
+    EXPECT_NE(errors[0].find(id), std::string::npos) << errors[0];
+    EXPECT_EQ(client.stats().errors, 1u);
+}
+
+TEST(ClientFlushTest, FlushWhileTheLoopRunsIsRefused) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    LoopThread loop(client, nullptr);
+    ASSERT_TRUE(node.receiveCommand(kInboxCommand));
+
+    const std::exception_ptr thrown = testsupport::thrownBy([&] { client.flush(100ms); });
+
+    ASSERT_TRUE(thrown);
+    EXPECT_TRUE(testsupport::isA<orvikm::Exception>(thrown));
+    EXPECT_EQ(testsupport::whatOf(thrown).find("The I/O loop is already running"), 0u);
+}
+
+TEST(ClientFlushTest, TerminateEndsAFlush) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged);
+    auto flushed = std::async(std::launch::async, [&] { return client.flush(60s); });
+    ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+
+    client.terminate();
+
+    ASSERT_EQ(flushed.wait_for(kEventLimit), std::future_status::ready);
+    EXPECT_FALSE(flushed.get().complete);
+}
+
+// Counters
+
+TEST(ClientStatsTest, NewClientCountsNothing) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+
+    const Client::Stats stats = client.stats();
+
+    EXPECT_EQ(stats.queued, 0u);
+    EXPECT_EQ(stats.awaitingAck, 0u);
+    EXPECT_EQ(stats.written, 0u);
+    EXPECT_EQ(stats.acknowledged, 0u);
+    EXPECT_EQ(stats.received, 0u);
+    EXPECT_EQ(stats.errors, 0u);
+    EXPECT_EQ(stats.unacknowledged, 0u);
+}
+
+TEST(ClientStatsTest, QueuedMessagesAndTheirCallbacksAreCountedBeforeTheLoopRuns) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::atomic<int> acknowledged{0};
+
+    sendCounted(client, acknowledged);
+    sendCounted(client, acknowledged);
+    client.send(messageValidFor(kLongValidity), nullptr);
+
+    const Client::Stats stats = client.stats();
+    EXPECT_EQ(stats.queued, 3u);
+    EXPECT_EQ(stats.awaitingAck, 2u);
+    EXPECT_EQ(stats.written, 0u);
+}
+
+TEST(ClientStatsTest, RunOfSendsAndReceivesIsCountedExactly) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {kTopic});
+    ASSERT_TRUE(node.waitForSubscription(kTopic));
+    std::atomic<int> acknowledged{0};
+    std::atomic<int> delivered{0};
+    client.onMessage([&](std::unique_ptr<Message>) { ++delivered; });
+    std::vector<std::string> ids;
+    for (int i = 0; i < 5; ++i) {
+        ids.push_back(sendCounted(client, acknowledged));
+    }
+    client.send(messageValidFor(kLongValidity), nullptr);
+    LoopThread loop(client, nullptr);
+    for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+    }
+
+    for (int i = 0; i < 3; ++i) {
+        node.sendTo(kDispenserIdentity, testsupport::ackFrames(ids[i]));
+    }
+    for (int i = 0; i < 4; ++i) {
+        node.publish(published("4d2c0b1a-9e8f-4a7b-8c6d-5e4f3a2b1c0" + std::to_string(i)));
+    }
+    const auto end = Steady::now() + kEventLimit;
+    while ((acknowledged.load() < 3 || delivered.load() < 4) && Steady::now() < end) {
+        std::this_thread::sleep_for(10ms);
+    }
+
+    const Client::Stats stats = client.stats();
+    EXPECT_EQ(stats.queued, 0u);
+    EXPECT_EQ(stats.awaitingAck, 2u);
+    EXPECT_EQ(stats.written, 6u);
+    EXPECT_EQ(stats.acknowledged, 3u);
+    EXPECT_EQ(stats.received, 4u);
+    EXPECT_EQ(stats.errors, 0u);
+    EXPECT_EQ(stats.unacknowledged, 0u);
+}
+
+TEST(ClientStatsTest, StatsFromInsideAnAcknowledgementCallbackDoesNotWait) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::promise<Client::Stats> inside;
+    Message message = messageValidFor(kLongValidity);
+    const std::string id = message.msgId();
+    client.send(std::move(message), [&] { inside.set_value(client.stats()); });
+    LoopThread loop(client, nullptr);
+    ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+
+    node.sendTo(kDispenserIdentity, testsupport::ackFrames(id));
+
+    auto future = inside.get_future();
+    ASSERT_EQ(future.wait_for(kEventLimit), std::future_status::ready);
+    EXPECT_EQ(future.get().written, 1u);
+}
+
+TEST(ClientStatsTest, AnErrorHandedToTheHandlerIsCounted) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::promise<void> reported;
+    LoopThread loop(client, [&](orviku::Exception&) { reported.set_value(); });
+    ASSERT_TRUE(node.receiveCommand(kInboxCommand));
+
+    node.sendTo(kDispenserIdentity, {"not a request"});
+
+    ASSERT_EQ(reported.get_future().wait_for(kEventLimit), std::future_status::ready);
+    ASSERT_TRUE(loop.endsWithin(kEventLimit));
+    EXPECT_EQ(client.stats().errors, 1u);
+}
+
+// The delivery-failure report
+
+TEST(ClientUnacknowledgedTest, WrittenMessageNeverAcknowledgedIsReportedOnceAndForgotten) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    std::atomic<int> acknowledged{0};
+    const std::string id = sendCounted(client, acknowledged, kShortValidity);
+    LoopThread loop(client, nullptr);
+    ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+
+    ASSERT_TRUE(reports.waitForCount(1, kEventLimit));
+    // A late acknowledgement finds no callback any more.
+    node.sendTo(kDispenserIdentity, testsupport::ackFrames(id));
+    std::this_thread::sleep_for(kQuietTime);
+
+    EXPECT_EQ(reports.ids(), std::vector<std::string>{id});
+    EXPECT_EQ(acknowledged.load(), 0);
+    const Client::Stats stats = client.stats();
+    EXPECT_EQ(stats.unacknowledged, 1u);
+    EXPECT_EQ(stats.awaitingAck, 0u);
+}
+
+TEST(ClientUnacknowledgedTest, MessageAcknowledgedInTimeIsNotReported) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    std::atomic<int> acknowledged{0};
+    const std::string id = sendCounted(client, acknowledged, kShortValidity);
+    LoopThread loop(client, nullptr);
+    ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+
+    node.sendTo(kDispenserIdentity, testsupport::ackFrames(id));
+    std::this_thread::sleep_for(kShortValidity + 500ms);
+
+    EXPECT_EQ(acknowledged.load(), 1);
+    EXPECT_TRUE(reports.ids().empty());
+}
+
+TEST(ClientUnacknowledgedTest, MessageWithoutCallbackIsNotReported) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    client.send(messageValidFor(kShortValidity), nullptr);
+    LoopThread loop(client, nullptr);
+    ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+
+    std::this_thread::sleep_for(kShortValidity + 500ms);
+
+    EXPECT_TRUE(reports.ids().empty());
+}
+
+TEST(ClientUnacknowledgedTest, QueuedMessageWhoseValidityRanOutIsTakenOutAndReported) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    std::atomic<int> acknowledged{0};
+    const std::string expired = sendCounted(client, acknowledged, kShortValidity);
+    const std::string kept = sendCounted(client, acknowledged, kLongValidity);
+    std::this_thread::sleep_for(kShortValidity + 200ms);
+
+    LoopThread loop(client, nullptr);
+
+    const auto written = node.receiveCommand(kMessageCommand);
+    ASSERT_TRUE(written);
+    EXPECT_EQ(written->headers.at("id"), kept);
+    EXPECT_FALSE(node.receiveCommand(kMessageCommand, kQuietTime));
+    ASSERT_TRUE(reports.waitForCount(1, kEventLimit));
+    EXPECT_EQ(reports.ids(), std::vector<std::string>{expired});
+    EXPECT_EQ(client.stats().awaitingAck, 1u);
+}
+
+TEST(ClientUnacknowledgedTest, WithoutAReportCallbackNothingExpires) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::atomic<int> acknowledged{0};
+    const std::string id = sendCounted(client, acknowledged, kShortValidity);
+    std::this_thread::sleep_for(kShortValidity + 200ms);
+    LoopThread loop(client, nullptr);
+    ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+    std::this_thread::sleep_for(kShortValidity + 200ms);
+
+    node.sendTo(kDispenserIdentity, testsupport::ackFrames(id));
+
+    const auto end = Steady::now() + kEventLimit;
+    while (acknowledged.load() == 0 && Steady::now() < end) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(acknowledged.load(), 1);
+    EXPECT_EQ(client.stats().unacknowledged, 0u);
+}
+
+// Options
+
+TEST(ClientOptionsTest, MaxReadTimeLetsQueuedMessagesOutUnderASteadyStream) {
+    TestNode node;
+    Client::Options options;
+    options.maxReadTime = 100ms;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {kTopic}, options);
+    ASSERT_TRUE(node.waitForSubscription(kTopic));
+    client.onMessage([](std::unique_ptr<Message>) {});
+    std::atomic<bool> streaming{true};
+    // A publication every 5 ms, far more often than the loop's quiet time.
+    auto stream = std::async(std::launch::async, [&] {
+        int i = 0;
+        while (streaming.load()) {
+            node.publish(
+                published("1a2b3c4d-0000-4000-8000-" + std::to_string(100000000000 + i++)));
+            std::this_thread::sleep_for(5ms);
+        }
+    });
+    LoopThread loop(client, nullptr, 50ms);
+    ASSERT_TRUE(node.receiveCommand(kInboxCommand));
+
+    client.send(messageValidFor(kLongValidity), nullptr);
+
+    EXPECT_TRUE(node.receiveCommand(kMessageCommand, 2s));
+    streaming.store(false);
+    stream.wait();
+}
+
+TEST(ClientOptionsTest, SendTimeoutSetsHowLongAWriteWaitsForAnAbsentNode) {
+    testsupport::ReservedPort listener;
+    testsupport::ReservedPort dispenser;
+    Client::Options options;
+    options.sendTimeout = 50ms;
+    Client client(kAppId, listener.port(), dispenser.port(), {}, options);
+    client.send(messageValidFor(kLongValidity), nullptr);
+    std::vector<int> errorNumbers;
+    const auto start = Steady::now();
+
+    client.flush(kEventLimit, [&](orviku::Exception& error) {
+        auto* socketError = dynamic_cast<wxblt::Exception*>(&error);
+        errorNumbers.push_back(socketError ? socketError->errorNumber() : 0);
+    });
+
+    const auto took = Steady::now() - start;
+    EXPECT_EQ(errorNumbers, std::vector<int>{11});
+    EXPECT_LT(took, 400ms);
+}
+
+TEST(ClientOptionsTest, NegativeOptionsAreRefused) {
+    TestNode node;
+    Client::Options options;
+    options.receiveLimit = -1;
+
+    const std::exception_ptr thrown = testsupport::thrownBy(
+        [&] { Client client(kAppId, node.listenerPort(), node.dispenserPort(), {}, options); });
+
+    ASSERT_TRUE(thrown);
+    EXPECT_TRUE(testsupport::isA<orvikm::Exception>(thrown));
+}
+
+TEST(ClientOptionsTest, MaxWriteBatchWritesABurstInBatchesWithAcknowledgementsBetween) {
+    constexpr int kBurst = 10;
+    TestNode node;
+    Client::Options options;
+    options.maxWriteBatch = 3;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {}, options);
+    std::promise<std::uint64_t> writtenAtFirstAck;
+    std::vector<std::string> ids;
+    // Validities 10 s to 19 s, queued longest first: the queue writes them
+    // shortest first.
+    for (int i = kBurst - 1; i >= 0; --i) {
+        Message message = messageValidFor(std::chrono::seconds(10 + i));
+        ids.insert(ids.begin(), message.msgId());
+        client.send(std::move(message), i == 0 ? std::function<void()>([&] {
+                        writtenAtFirstAck.set_value(client.stats().written);
+                    })
+                                               : std::function<void()>());
+    }
+    LoopThread loop(client, nullptr);
+
+    std::vector<std::string> written;
+    for (int i = 0; i < kBurst; ++i) {
+        const auto request = node.receiveCommand(kMessageCommand);
+        ASSERT_TRUE(request);
+        written.push_back(request->headers.at("id"));
+        if (i == 0) {
+            node.sendTo(kDispenserIdentity, testsupport::ackFrames(ids[0]));
+        }
+    }
+
+    auto atFirstAck = writtenAtFirstAck.get_future();
+    ASSERT_EQ(atFirstAck.wait_for(kEventLimit), std::future_status::ready);
+    EXPECT_LE(atFirstAck.get(), 3u);
+    EXPECT_EQ(written, ids);
+    EXPECT_EQ(client.stats().written, static_cast<std::uint64_t>(kBurst));
+}
+
+TEST(ClientOptionsTest, WithoutMaxWriteBatchAPassWritesTheWholeQueue) {
+    constexpr int kBurst = 10;
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::promise<std::uint64_t> writtenAtFirstAck;
+    Message first = messageValidFor(1s);
+    const std::string firstId = first.msgId();
+    client.send(std::move(first), [&] { writtenAtFirstAck.set_value(client.stats().written); });
+    for (int i = 1; i < kBurst; ++i) {
+        client.send(messageValidFor(kLongValidity), nullptr);
+    }
+    LoopThread loop(client, nullptr);
+    ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+
+    node.sendTo(kDispenserIdentity, testsupport::ackFrames(firstId));
+
+    auto atFirstAck = writtenAtFirstAck.get_future();
+    ASSERT_EQ(atFirstAck.wait_for(kEventLimit), std::future_status::ready);
+    EXPECT_EQ(atFirstAck.get(), static_cast<std::uint64_t>(kBurst));
+}
+
+// Publications to two clients that do not read, paced by a reading raw
+// subscriber so that a reader misses none: the client with a receive limit
+// keeps only what its queues and the publisher's hold, the other keeps all.
+TEST(ClientOptionsTest, ReceiveLimitBoundsWhatWaitsUnread) {
+    constexpr int kPublications = 4000;
+    const std::string body(20000, 'x');
+    testsupport::RawPeer publisher(ZMQ_PUB);
+    const int listenerPort = publisher.bindLoopback();
+    testsupport::RawPeer pacer(ZMQ_SUB);
+    pacer.setIntOption(ZMQ_RCVHWM, 0);
+    pacer.setBytesOption(ZMQ_SUBSCRIBE, kTopic);
+    pacer.connect(testsupport::localhostEndpoint(listenerPort));
+    TestNode node;
+    Client::Options limited;
+    limited.receiveLimit = 10;
+    Client bounded("bounded-app", listenerPort, node.dispenserPort(), {kTopic}, limited);
+    Client unbounded("unbounded-app", listenerPort, node.dispenserPort(), {kTopic});
+    std::atomic<int> boundedReceived{0};
+    std::atomic<int> unboundedReceived{0};
+    bounded.onMessage([&](std::unique_ptr<Message>) { ++boundedReceived; });
+    unbounded.onMessage([&](std::unique_ptr<Message>) { ++unboundedReceived; });
+    // Every subscriber is in once a probe reaches the pacer and both clients
+    // have been connected for a while.
+    std::this_thread::sleep_for(500ms);
+    for (int i = 0; i < kPublications; ++i) {
+        std::vector<std::string> frames = testsupport::messageFrames(
+            "5f5f5f5f-0000-4000-8000-" + std::to_string(200000000000 + i), body);
+        frames.insert(frames.begin(), kTopic);
+        publisher.sendMessage(frames);
+        ASSERT_TRUE(pacer.receiveMessage(kEventLimit));
+    }
+
+    LoopThread boundedLoop(bounded, nullptr);
+    LoopThread unboundedLoop(unbounded, nullptr);
+    const auto end = Steady::now() + 20s;
+    int last = -1;
+    while (Steady::now() < end && unboundedReceived.load() + boundedReceived.load() != last) {
+        last = unboundedReceived.load() + boundedReceived.load();
+        std::this_thread::sleep_for(500ms);
+    }
+
+    EXPECT_EQ(unboundedReceived.load(), kPublications);
+    EXPECT_GT(boundedReceived.load(), 0);
+    EXPECT_LT(boundedReceived.load(), kPublications * 3 / 4);
+}
+
+}  // namespace
