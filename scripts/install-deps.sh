@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, testing, the API reference and
-# the Debian packages need, when they are missing. Extra package names may be
-# given as arguments. Runs apt-get only as root; otherwise it names what is
-# missing.
+# the Debian packages need, when they are missing (CLI11 and nlohmann/json are
+# for the orvik command-line tool). Extra package names may be given as
+# arguments. Runs apt-get only as root; otherwise it names what is missing.
 set -euo pipefail
 
 packages=(
@@ -13,6 +13,7 @@ packages=(
     clang libclang-rt-14-dev
     doxygen
     dpkg-dev file
+    libcli11-dev nlohmann-json3-dev
     "$@"
 )
 
