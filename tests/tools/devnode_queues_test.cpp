@@ -132,7 +132,13 @@ long nodeRssKb(const DevNodeProcess& node) {
 TEST_F(DevNodeTest, SubscriberThatDoesNotReadLosesMessagesWhileOneThatReadsGetsThemAll) {
     const auto dealer = connectDealer(dispenserPort(), "flooder");
     const auto stuck = stuckPeer(ZMQ_SUB, listenerPort());
-    ReadingSubscriber reader(connectSubscriber(listenerPort(), {kTopic}));
+    // Like the library's listener, it takes everything off its connection at
+    // once, whenever its own thread gets to read it.
+    auto readingPeer = std::make_unique<RawPeer>(ZMQ_SUB);
+    readingPeer->setIntOption(ZMQ_RCVHWM, 0);
+    readingPeer->setBytesOption(ZMQ_SUBSCRIBE, kTopic);
+    readingPeer->connect(testsupport::localhostEndpoint(listenerPort()));
+    ReadingSubscriber reader(std::move(readingPeer));
     ASSERT_TRUE(waitUntilSubscribed(*dealer, *stuck, kTopic, kEventLimit));
     ASSERT_TRUE(waitUntilSubscribed(*dealer, reader.peer(), kTopic, kEventLimit));
     reader.start();
@@ -239,8 +245,8 @@ TEST_F(DevNodeSubscriberQueueLimitTest, SubscriberThatFallsBehindForAMomentGetsE
     auto subscriber = stuckPeer(ZMQ_SUB, listenerPort());
     ASSERT_TRUE(waitUntilSubscribed(*dealer, *subscriber, kTopic, kEventLimit));
     ReadingSubscriber reader(std::move(subscriber));
-    // Each pause leaves the subscriber's queue full for a while.
-    reader.start(100, 20ms);
+    // Each pause leaves the subscriber's queue at the node full for a while.
+    reader.start(100, 10ms);
 
     ASSERT_EQ(floodAndReadAcks(*dealer, kMessages), kMessages);
 
