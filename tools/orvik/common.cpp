@@ -1,0 +1,143 @@
+#include "common.hpp"
+
+#include <csignal>
+#include <iostream>
+#include <utility>
+
+namespace orvik {
+
+namespace {
+
+using Steady = std::chrono::steady_clock;
+
+// Longer than anyone waits, short enough that adding it to a time point
+// cannot overflow.
+constexpr std::chrono::milliseconds kNoDeadline = std::chrono::hours(24 * 365 * 100);
+// How often the watcher looks at the deadline and the signal flag: late enough
+// by this much is not noticed by a person.
+constexpr std::chrono::milliseconds kWatchInterval(20);
+constexpr std::chrono::milliseconds kTickInterval(250);
+
+// The client whose loop a signal ends, and whether one came. Only the
+// handler and the watcher thread use them.
+std::atomic<orvikm::Client*> signalledClient{nullptr};
+volatile std::sig_atomic_t signalReceived = 0;
+static_assert(std::atomic<orvikm::Client*>::is_always_lock_free);
+
+extern "C" void onStopSignal(int) {
+    signalReceived = 1;
+    if (orvikm::Client* client = signalledClient.load()) {
+        client->terminate();
+    }
+}
+
+void installStopHandler(void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+}  // namespace
+
+Deadline::Deadline(double seconds)
+    : _bounded(seconds > 0),
+      _end(Steady::now() + (_bounded ? std::chrono::duration_cast<Steady::duration>(
+                                           std::chrono::duration<double>(std::min(seconds, 1e9)))
+                                     : std::chrono::duration_cast<Steady::duration>(kNoDeadline))) {
+}
+
+bool Deadline::passed() const {
+    return _bounded && Steady::now() >= _end;
+}
+
+std::chrono::milliseconds Deadline::remaining() const {
+    if (!_bounded) {
+        return kNoDeadline;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(_end - Steady::now());
+    return std::max(left, std::chrono::milliseconds(0));
+}
+
+std::string oneLine(const orviku::Exception& error) {
+    std::string line = error.what();
+    for (const std::string& context : error.context()) {
+        line += "; " + context;
+    }
+    return line;
+}
+
+void reportFailure(const std::string& command, const std::string& text) {
+    std::cerr << "orvik " << command << ": " << text << std::endl;
+}
+
+std::unique_ptr<orvikm::Client> makeClient(const Common& common,
+                                           std::vector<std::string> subscriptions,
+                                           orvikm::Client::Options options) {
+    if (common.verbose) {
+        std::cerr << "orvik: " << common.appId << " connects to the node at listener port "
+                  << common.listenerPort << ", dispenser port " << common.dispenserPort
+                  << std::endl;
+    }
+    return std::make_unique<orvikm::Client>(common.appId, common.listenerPort, common.dispenserPort,
+                                            std::move(subscriptions), options);
+}
+
+LoopStopper::LoopStopper(orvikm::Client& client, const Deadline& deadline,
+                         std::function<void()> tick)
+    : _client(client), _deadline(deadline), _tick(std::move(tick)) {
+    signalReceived = 0;
+    signalledClient.store(&client);
+    // SA_RESETHAND: a second Ctrl-C ends the program at once, should the
+    // loop not come round to the first.
+    installStopHandler(onStopSignal, SA_RESETHAND);
+    _watcher = std::thread(&LoopStopper::watch, this);
+}
+
+LoopStopper::~LoopStopper() {
+    {
+        std::lock_guard<std::mutex> guard(_mutex);
+        _done = true;
+    }
+    _done_changed.notify_all();
+    _watcher.join();
+    installStopHandler(SIG_DFL, 0);
+    signalledClient.store(nullptr);
+}
+
+std::string LoopStopper::describe() const {
+    switch (reason()) {
+        case Reason::Deadline:
+            return "deadline passed";
+        case Reason::Interrupted:
+            return "interrupted";
+        case Reason::None:
+            break;
+    }
+    return "";
+}
+
+void LoopStopper::watch() {
+    Steady::time_point nextTick = Steady::now() + kTickInterval;
+    std::unique_lock<std::mutex> lock(_mutex);
+    while (!_done_changed.wait_for(lock, kWatchInterval, [this] { return _done; })) {
+        if (_reason.load() == Reason::None) {
+            if (signalReceived != 0) {
+                _reason.store(Reason::Interrupted);
+            } else if (_deadline.passed()) {
+                _reason.store(Reason::Deadline);
+            }
+        }
+        if (_reason.load() != Reason::None) {
+            _client.terminate();
+        }
+        if (_tick && Steady::now() >= nextTick) {
+            nextTick += kTickInterval;
+            _tick();
+        }
+    }
+}
+
+}  // namespace orvik

@@ -1,0 +1,113 @@
+#pragma once
+
+// What every subcommand shares: the node's ports and the application id, the
+// overall deadline, Ctrl-C, and how a failure is reported.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <orvikm/client.hpp>
+#include <orviku/exception.hpp>
+
+namespace CLI {
+class App;
+}
+
+namespace orvik {
+
+// Exit statuses.
+constexpr int kSuccess = 0;
+constexpr int kFailure = 1;  // the work failed: the node, the deadline, acknowledgements
+constexpr int kUsage = 2;    // the command line was wrong
+
+// The options given before or after the subcommand.
+struct Common {
+    int listenerPort = 0;
+    int dispenserPort = 0;
+    std::string appId;
+    double timeoutSeconds = 10;  // 0: no deadline
+    bool verbose = false;
+};
+
+// A subcommand: defines its own options on its CLI11 subcommand, then runs
+// with the common options once the whole command line has been parsed.
+class Command {
+public:
+    virtual ~Command() = default;
+    virtual void define(CLI::App& subcommand) = 0;
+    // Returns the exit status. May throw CLI::ValidationError for a
+    // combination of options the parser cannot refuse on its own.
+    virtual int run(const Common& common) = 0;
+};
+
+std::unique_ptr<Command> makeSendCommand();
+std::unique_ptr<Command> makeListenCommand();
+std::unique_ptr<Command> makeRegistryCommand();
+std::unique_ptr<Command> makeBenchCommand();
+
+// The overall deadline of a run, counted from its construction.
+class Deadline {
+public:
+    explicit Deadline(double seconds);
+    bool bounded() const { return _bounded; }
+    bool passed() const;
+    // What is left of it; a century when there is no deadline.
+    std::chrono::milliseconds remaining() const;
+
+private:
+    bool _bounded;
+    std::chrono::steady_clock::time_point _end;
+};
+
+// The error in one line: what() and then each context line, innermost first,
+// joined by "; ".
+std::string oneLine(const orviku::Exception& error);
+
+// Writes "orvik COMMAND: TEXT" on standard error.
+void reportFailure(const std::string& command, const std::string& text);
+
+// The client every subcommand uses, with the common options applied.
+std::unique_ptr<orvikm::Client> makeClient(const Common& common,
+                                           std::vector<std::string> subscriptions,
+                                           orvikm::Client::Options options = {});
+
+// Ends the client's I/O loop (blockThreadForIO or flush) when the deadline
+// passes or on SIGINT or SIGTERM, and says which it was. While it lives the
+// first such signal calls client.terminate() from the handler (which is
+// async-signal-safe) and a second one has its default effect. A terminate()
+// that arrives while no loop runs is forgotten by the next loop, so a watcher
+// thread repeats it every few milliseconds until the stopper is destroyed.
+// `tick`, when given, is called from the watcher thread about every 250 ms.
+class LoopStopper {
+public:
+    enum class Reason { None, Deadline, Interrupted };
+
+    LoopStopper(orvikm::Client& client, const Deadline& deadline,
+                std::function<void()> tick = nullptr);
+    LoopStopper(const LoopStopper&) = delete;
+    LoopStopper& operator=(const LoopStopper&) = delete;
+    ~LoopStopper();
+
+    Reason reason() const { return _reason.load(); }
+    // "deadline passed" or "interrupted"; empty for Reason::None.
+    std::string describe() const;
+
+private:
+    void watch();
+
+    orvikm::Client& _client;
+    const Deadline& _deadline;
+    std::function<void()> _tick;
+    std::atomic<Reason> _reason{Reason::None};
+    std::mutex _mutex;
+    std::condition_variable _done_changed;
+    bool _done = false;
+    std::thread _watcher;
+};
+
+}  // namespace orvik

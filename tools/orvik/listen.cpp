@@ -1,0 +1,133 @@
+// orvik listen: subscribes, prints every message from the message callback,
+// acknowledges it there with sendAck(), and lends the main thread to
+// blockThreadForIO until enough messages came or the deadline passed.
+#include <climits>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <orvikm/orvikm.hpp>
+
+#include "common.hpp"
+#include "output.hpp"
+
+namespace orvik {
+
+namespace {
+
+// Short enough that terminate(), the deadline and Ctrl-C are seen at once
+// while messages keep arriving.
+constexpr std::chrono::milliseconds kMaxReadTime(50);
+constexpr std::chrono::milliseconds kLoopTimeout(20);
+
+const char* const kFooter =
+    R"(The node publishes a message once for each of its push routes, with the route
+as topic; a listener subscribed to a topic gets the messages routed along it
+(a topic matches every route that begins with it). Start the listener before
+the sender: the node publishes only to subscriptions it already knows.
+
+Text format, one line a message:
+  ID from APP_ID on ROUTES (TYPE, SIZE bytes, valid SECONDS s, ack MODE): BODY
+with control characters and bytes that are not UTF-8 escaped (\n, \t, \\, \xHH).
+
+JSON format, one object a line, with the keys id, app_id, routes (array),
+type, size, valid_for (seconds), ack_mode (0 none, 1 node, 2 receivers),
+origin (array), body (the payload as a string when it is valid UTF-8, else
+null) and body_base64 (the payload in base64, always).
+
+Without -n, orvik listen prints messages until the deadline (--timeout; 0 for
+none) or Ctrl-C, and exits 0. With -n it exits 0 after COUNT messages, and 1
+when the deadline or Ctrl-C comes first.
+
+Example: orvik listen -l 5555 -d 5556 -s news --format json --timeout 0)";
+
+output::ReceivedMessage plainValues(const orvikm::Message& message) {
+    const orvikm::Payload& payload = message.payload();
+    output::ReceivedMessage received;
+    received.id = message.msgId();
+    received.appId = message.appId();
+    received.routes.assign(message.pushRoutes().begin(), message.pushRoutes().end());
+    received.type = payload.type();
+    received.body.assign(payload.getBuffer(), payload.size());
+    received.validForSeconds = message.validFor().count();
+    received.ackMode = static_cast<std::int32_t>(message.ackMode());
+    received.origin = message.originNodes();
+    return received;
+}
+
+class ListenCommand : public Command {
+public:
+    void define(CLI::App& subcommand) override {
+        subcommand.add_option("-s,--subscribe", _topics, "A topic to subscribe to (one or more)")
+            ->required();
+        _countOption = subcommand.add_option("-n,--count", _count, "Exit after this many messages")
+                           ->check(CLI::Range(1ull, ULLONG_MAX));
+        subcommand.add_flag("--no-ack", _noAck, "Do not acknowledge the messages received");
+        subcommand.add_option("--format", _format, "text or json")
+            ->capture_default_str()
+            ->check(CLI::IsMember({"text", "json"}));
+        subcommand.footer(kFooter);
+    }
+
+    int run(const Common& common) override {
+        const Deadline deadline(common.timeoutSeconds);
+        const bool counted = _countOption->count() > 0;
+        orvikm::Client::Options options;
+        options.maxReadTime = kMaxReadTime;
+        std::unique_ptr<orvikm::Client> client = makeClient(common, _topics, options);
+
+        std::uint64_t received = 0;
+        // Runs on the I/O thread, this one; sendAck belongs exactly here.
+        client->onMessage([&](std::unique_ptr<orvikm::Message> message) {
+            if (counted && received >= _count) {
+                return;  // arrived after the last one wanted, before the loop ended
+            }
+            const output::ReceivedMessage values = plainValues(*message);
+            std::cout << (_format == "json" ? output::messageJsonLine(values)
+                                            : output::messageText(values))
+                      << std::endl;
+            if (!_noAck) {
+                client->sendAck(*message);
+            }
+            if (++received == _count && counted) {
+                client->terminate();
+            }
+        });
+
+        std::string error;
+        {
+            const LoopStopper stopper(*client, deadline);
+            client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
+                                     kLoopTimeout);
+            if (error.empty() && counted && received < _count) {
+                error = stopper.describe();
+            }
+        }
+        if (common.verbose) {
+            std::cerr << "orvik listen: received " << received << " messages" << std::endl;
+        }
+        if (!error.empty()) {
+            reportFailure("listen", error + (counted ? " (received " + std::to_string(received) +
+                                                           " of " + std::to_string(_count) + ")"
+                                                     : ""));
+            return kFailure;
+        }
+        return kSuccess;
+    }
+
+private:
+    std::vector<std::string> _topics;
+    CLI::Option* _countOption = nullptr;
+    unsigned long long _count = 0;
+    bool _noAck = false;
+    std::string _format = "text";
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeListenCommand() {
+    return std::make_unique<ListenCommand>();
+}
+
+}  // namespace orvik

@@ -1,0 +1,111 @@
+// orvik registry: asks for the registry with obtainRegistry(), once or every
+// few seconds, prints each one from the registry callback, and lends the main
+// thread to blockThreadForIO until enough came or the deadline passed.
+#include <climits>
+#include <iostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <orvikm/orvikm.hpp>
+
+#include "common.hpp"
+#include "output.hpp"
+
+namespace orvik {
+
+namespace {
+
+constexpr std::chrono::milliseconds kLoopTimeout(20);
+
+const char* const kFooter =
+    R"(Without --watch, orvik registry fetches the registry once and exits 0 once
+it is printed. With --watch SECONDS it fetches it every SECONDS: COUNT times
+with -n (exit 0 once all are printed), otherwise until the deadline
+(--timeout; 0 for none) or Ctrl-C (exit 0). It exits 1 when the node cannot
+be reached, or when the deadline or Ctrl-C comes before the registries
+wanted.
+
+raw prints each registry's bytes as they are, json pretty-prints a registry
+that is JSON (and prints any other as raw does); a newline follows each
+registry that does not end with one.
+
+Example: orvik registry -l 5555 -d 5556 --format json)";
+
+class RegistryCommand : public Command {
+public:
+    void define(CLI::App& subcommand) override {
+        CLI::Option* watch =
+            subcommand
+                .add_option("--watch", _watchSeconds, "Fetch the registry every SECONDS seconds")
+                ->check(CLI::Range(1ll, static_cast<long long>(INT_MAX)));
+        _countOption =
+            subcommand
+                .add_option("-n,--count", _count, "With --watch: how many registries to fetch")
+                ->check(CLI::Range(1ull, ULLONG_MAX))
+                ->needs(watch);
+        subcommand.add_option("--format", _format, "raw or json")
+            ->capture_default_str()
+            ->check(CLI::IsMember({"raw", "json"}));
+        subcommand.footer(kFooter);
+    }
+
+    int run(const Common& common) override {
+        const Deadline deadline(common.timeoutSeconds);
+        const bool watching = _watchSeconds > 0;
+        const bool counted = !watching || _countOption->count() > 0;
+        const unsigned long long wanted = watching ? _count : 1;
+        std::unique_ptr<orvikm::Client> client = makeClient(common, {});
+
+        unsigned long long fetched = 0;
+        // seconds::max() asks once; any other interval asks again and again.
+        const std::chrono::seconds interval =
+            watching ? std::chrono::seconds(_watchSeconds) : std::chrono::seconds::max();
+        client->obtainRegistry(
+            [&](std::shared_ptr<orvikm::Registry> registry) {
+                if (counted && fetched >= wanted) {
+                    return;
+                }
+                const orvikm::Payload& body = registry->payload();
+                std::cout << output::registryText(std::string_view(body.getBuffer(), body.size()),
+                                                  _format == "json")
+                          << std::flush;
+                if (++fetched == wanted && counted) {
+                    client->terminate();
+                }
+            },
+            interval);
+
+        std::string error;
+        {
+            const LoopStopper stopper(*client, deadline);
+            client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
+                                     kLoopTimeout);
+            if (error.empty() && counted && fetched < wanted) {
+                error = stopper.describe();
+            }
+        }
+        if (common.verbose) {
+            std::cerr << "orvik registry: fetched " << fetched << " registries" << std::endl;
+        }
+        if (!error.empty()) {
+            reportFailure("registry", error + " (fetched " + std::to_string(fetched) +
+                                          (counted ? " of " + std::to_string(wanted) : "") + ")");
+            return kFailure;
+        }
+        return kSuccess;
+    }
+
+private:
+    long long _watchSeconds = 0;
+    CLI::Option* _countOption = nullptr;
+    unsigned long long _count = 0;
+    std::string _format = "raw";
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeRegistryCommand() {
+    return std::make_unique<RegistryCommand>();
+}
+
+}  // namespace orvik
