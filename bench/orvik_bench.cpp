@@ -39,12 +39,14 @@
 
 #include "support/alloc_counter.hpp"
 #include "support/bench_node.hpp"
+#include "support/devnode_process.hpp"
 #include "support/raw_wire.hpp"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using orvikbench::BenchNode;
+using orvikbench::DevNodeProcess;
 using orvikbench::PublishFlow;
 using orvikbench::RawFrames;
 using orvikbench::threadAllocations;
@@ -63,6 +65,14 @@ struct Options {
     // "raw-send", "raw-receive" and "raw-latency" the raw side.
     std::string profile;
     std::uint64_t count = 20000;
+    // The orvik-devnode program for the rows through it; empty: none.
+#ifdef ORVIK_DEVNODE_PATH
+    std::string devnode = ORVIK_DEVNODE_PATH;
+#else
+    std::string devnode;
+#endif
+    // Messages of the write-batch burst.
+    std::uint64_t burst = 100'000;
 };
 
 struct Run {
@@ -72,6 +82,8 @@ struct Run {
     // CPU time of the whole process (all threads, the node's included) per
     // message: less disturbed than `seconds` by other load on the machine.
     double cpu_microseconds_per_message = 0;
+    // CPU time of the node alone per message, where the run measured it.
+    double node_cpu_microseconds_per_message = 0;
 
     double rate() const { return seconds > 0 ? static_cast<double>(messages) / seconds : 0; }
 };
@@ -125,14 +137,18 @@ std::string localhost(int port) {
     return "tcp://localhost:" + std::to_string(port);
 }
 
-std::unique_ptr<orvikm::Client> newClient(const BenchNode& node, bool subscribe) {
+// The minimal node of this process or an orvik-devnode child: both offer
+// their two ports.
+template <typename Node>
+std::unique_ptr<orvikm::Client> newClient(const Node& node, bool subscribe,
+                                          orvikm::Client::Options options = {}) {
     std::vector<std::string> topics;
     if (subscribe) {
         topics.emplace_back(orvikbench::bench_topic);
     }
     return std::make_unique<orvikm::Client>(std::string(orvikbench::bench_app_id),
                                             node.listenerPort(), node.dispenserPort(),
-                                            std::move(topics));
+                                            std::move(topics), options);
 }
 
 // A payload over the benchmark's one body buffer, which it does not own: the
@@ -224,8 +240,14 @@ bool isAck(const RawFrames& frames) {
 
 // ---- send throughput ------------------------------------------------------
 
-Run librarySend(const BenchNode& node, std::uint64_t count, std::size_t size) {
+// With `watch`, the delivery-failure report is set (it never fires here: the
+// validity period is far longer than a run).
+template <typename Node>
+Run librarySend(const Node& node, std::uint64_t count, std::size_t size, bool watch = false) {
     const std::unique_ptr<orvikm::Client> client = newClient(node, false);
+    if (watch) {
+        client->onUnacknowledged([](const std::string& id) { fail("unacknowledged: " + id); });
+    }
     std::vector<char> body(size, 'x');
     struct Acks {
         orvikm::Client* client;
@@ -400,7 +422,8 @@ Run rawReceive(void* context, BenchNode& node, std::uint64_t count, std::size_t 
 
 // Each sample: send one message, run the loop until its acknowledgement
 // callback has run. The loop then idles loop_timeout before it returns.
-void libraryLatency(const BenchNode& node, std::size_t samples, std::size_t size,
+template <typename Node>
+void libraryLatency(const Node& node, std::size_t samples, std::size_t size,
                     std::vector<double>& microseconds) {
     const std::unique_ptr<orvikm::Client> client = newClient(node, false);
     std::vector<char> body(size, 'x');
@@ -461,6 +484,82 @@ void rawLatency(void* context, const BenchNode& node, std::size_t samples, std::
     }
 }
 
+// ---- a burst through orvik-devnode with a write batch bound -----------------
+
+struct Burst {
+    double acknowledged_per_second = 0;
+    // The longest time between two consecutive acknowledgement callbacks.
+    double longest_gap_ms = 0;
+    // From the first send until the first acknowledgement callback.
+    double first_ack_ms = 0;
+    // The node process's CPU time per message.
+    double node_cpu_us = 0;
+};
+
+// Queues `count` messages, then runs the loop with Options::maxWriteBatch set
+// to `batch` (0: unset) until the last acknowledgement callback.
+Burst libraryBurst(const DevNodeProcess& node, std::uint64_t count, std::size_t size,
+                   std::size_t batch, std::chrono::milliseconds timeout) {
+    orvikm::Client::Options clientOptions;
+    clientOptions.maxWriteBatch = batch;
+    const std::unique_ptr<orvikm::Client> client = newClient(node, false, clientOptions);
+    std::vector<char> body(size, 'x');
+    std::vector<Clock::time_point> acknowledged;
+    acknowledged.reserve(count);
+    struct Acks {
+        orvikm::Client* client;
+        std::vector<Clock::time_point>* at;
+        std::uint64_t expected;
+    } acks{client.get(), &acknowledged, count};
+    Acks* state = &acks;
+
+    // One round trip first, so that the connection is set up before the
+    // clock starts.
+    bool warm = false;
+    client->send(
+        sharedPayload(body), {std::string(orvikbench::bench_topic)},
+        std::chrono::seconds(orvikbench::bench_valid_for_seconds),
+        [&warm, state] {
+            warm = true;
+            state->client->terminate();
+        },
+        orvikm::Message::AckMode::ByNode);
+    client->blockThreadForIO(failOnError, timeout);
+    if (!warm) {
+        fail("burst: no acknowledgement of the first message");
+    }
+
+    const double nodeCpuBefore = node.cpuSeconds();
+    const Clock::time_point start = Clock::now();
+    for (std::uint64_t i = 0; i < count; ++i) {
+        client->send(
+            sharedPayload(body), {std::string(orvikbench::bench_topic)},
+            std::chrono::seconds(orvikbench::bench_valid_for_seconds),
+            [state] {
+                state->at->push_back(Clock::now());
+                if (state->at->size() == state->expected) {
+                    state->client->terminate();
+                }
+            },
+            orvikm::Message::AckMode::ByNode);
+    }
+    client->blockThreadForIO(failOnError, timeout);
+    if (acknowledged.size() != count) {
+        fail("burst: " + std::to_string(acknowledged.size()) + " of " + std::to_string(count) +
+             " acknowledgements");
+    }
+    Burst burst;
+    burst.acknowledged_per_second =
+        static_cast<double>(count) / secondsBetween(start, acknowledged.back());
+    burst.first_ack_ms = 1e3 * secondsBetween(start, acknowledged.front());
+    for (std::size_t i = 1; i < acknowledged.size(); ++i) {
+        burst.longest_gap_ms = std::max(burst.longest_gap_ms,
+                                        1e3 * secondsBetween(acknowledged[i - 1], acknowledged[i]));
+    }
+    burst.node_cpu_us = 1e6 * (node.cpuSeconds() - nodeCpuBefore) / static_cast<double>(count);
+    return burst;
+}
+
 // ---- reporting --------------------------------------------------------------
 
 // Runs one measurement and adds the process's CPU time per message to it.
@@ -470,6 +569,16 @@ Run timed(Measurement measurement) {
     Run run = measurement();
     run.cpu_microseconds_per_message =
         1e6 * (processCpuSeconds() - cpuBefore) / static_cast<double>(run.messages);
+    return run;
+}
+
+// Runs one measurement and adds the node's CPU time per message to it.
+template <typename Node, typename Measurement>
+Run withNodeCpu(const Node& node, Measurement measurement) {
+    const double cpuBefore = node.cpuSeconds();
+    Run run = measurement();
+    run.node_cpu_microseconds_per_message =
+        1e6 * (node.cpuSeconds() - cpuBefore) / static_cast<double>(run.messages);
     return run;
 }
 
@@ -493,8 +602,9 @@ struct Row {
     double bound = 0;
 };
 
-void printTable(const std::vector<Row>& rows) {
-    std::printf("%-34s %14s %14s %8s   %s\n", "row", "library", "raw", "ratio", "target");
+void printTable(const std::vector<Row>& rows, const char* left = "library",
+                const char* right = "raw") {
+    std::printf("%-34s %14s %14s %8s   %s\n", "row", left, right, "ratio", "target");
     for (const Row& row : rows) {
         char ratio[16] = "-";
         char target[32] = "-";
@@ -533,17 +643,25 @@ Options parseOptions(int argc, char** argv) {
             }
         } else if (argument == "--profile" && i + 1 < argc) {
             options.profile = argv[++i];
+        } else if (argument == "--devnode" && i + 1 < argc) {
+            options.devnode = argv[++i];
+        } else if (argument == "--burst" && i + 1 < argc) {
+            options.burst = std::max<std::uint64_t>(1, std::strtoull(argv[++i], nullptr, 10));
         } else if (argument == "--count" && i + 1 < argc) {
             options.count = std::max<std::uint64_t>(1, std::strtoull(argv[++i], nullptr, 10));
         } else {
             std::printf(
                 "usage: orvik-bench [--seconds S] [--repetitions N] [--sizes B,B,...]\n"
                 "       orvik-bench --profile KIND [--count N] [--sizes ...]\n"
+                "  --devnode      the orvik-devnode program for the rows through it (\"\": none)\n"
+                "  --burst        messages of the write-batch burst (default 100000)\n"
                 "  --seconds      aimed duration of one throughput run (default 0.5)\n"
                 "  --repetitions  throughput runs a side; the best is reported (default 7)\n"
                 "  --sizes        payload sizes in bytes (default 0,100,10240,1048576)\n"
                 "  --profile      one side of one measurement, for a profiler: send, receive,\n"
-                "                 latency (the library's), raw-send, raw-receive, raw-latency;\n"
+                "                 latency (the library's), send-watched (onUnacknowledged set),\n"
+                "                 devnode-send (through orvik-devnode), raw-send,\n"
+                "                 raw-receive, raw-latency;\n"
                 "                 N messages\n"
                 "                 (default 20000) a size, no table\n");
             std::exit(argument == "--help" ? 0 : 2);
@@ -574,6 +692,8 @@ struct Comparison {
     double raw_cpu = 0;
     double library_allocations = 0;
     double raw_allocations = 0;
+    double library_node_cpu = 0;
+    double raw_node_cpu = 0;
 };
 
 // Runs `library` and `raw` as pairs, `repetitions` times, each side first
@@ -582,10 +702,13 @@ template <typename Library, typename Raw>
 Comparison compare(Watchdog& watchdog, int repetitions, Library library, Raw raw) {
     Comparison best;
     best.library_cpu = best.raw_cpu = std::numeric_limits<double>::max();
-    const auto keep = [](const Run& run, double& rate, double& cpu, double& allocations) {
+    best.library_node_cpu = best.raw_node_cpu = std::numeric_limits<double>::max();
+    const auto keep = [](const Run& run, double& rate, double& cpu, double& allocations,
+                         double& nodeCpu) {
         rate = std::max(rate, run.rate());
         cpu = std::min(cpu, run.cpu_microseconds_per_message);
         allocations = run.allocations_per_message;
+        nodeCpu = std::min(nodeCpu, run.node_cpu_microseconds_per_message);
     };
     for (int i = 0; i < repetitions; ++i) {
         watchdog.arm();
@@ -597,8 +720,9 @@ Comparison compare(Watchdog& watchdog, int repetitions, Library library, Raw raw
             rawRun = timed(raw);
             libraryRun = timed(library);
         }
-        keep(libraryRun, best.library_rate, best.library_cpu, best.library_allocations);
-        keep(rawRun, best.raw_rate, best.raw_cpu, best.raw_allocations);
+        keep(libraryRun, best.library_rate, best.library_cpu, best.library_allocations,
+             best.library_node_cpu);
+        keep(rawRun, best.raw_rate, best.raw_cpu, best.raw_allocations, best.raw_node_cpu);
     }
     return best;
 }
@@ -618,6 +742,14 @@ int main(int argc, char** argv) {
             std::vector<double> microseconds;
             if (options.profile == "send") {
                 run = librarySend(node, options.count, size);
+            } else if (options.profile == "send-watched") {
+                run = librarySend(node, options.count, size, true);
+            } else if (options.profile == "devnode-send") {
+                const DevNodeProcess devnode(options.devnode);
+                run =
+                    withNodeCpu(devnode, [&] { return librarySend(devnode, options.count, size); });
+                std::printf("orvik-devnode CPU: %.2f us a message\n",
+                            run.node_cpu_microseconds_per_message);
             } else if (options.profile == "receive") {
                 run = libraryReceive(node, options.count, size);
             } else if (options.profile == "raw-send") {
@@ -636,7 +768,8 @@ int main(int argc, char** argv) {
                 continue;
             } else {
                 fail(
-                    "--profile takes send, receive, latency, raw-send, raw-receive or raw-latency");
+                    "--profile takes send, send-watched, devnode-send, receive, latency, raw-send, "
+                    "raw-receive or raw-latency");
             }
             std::printf("%s %s: %.0f msg/s, %.1f allocations a message\n", options.profile.c_str(),
                         sizeText(size).c_str(), run.rate(), run.allocations_per_message);
@@ -656,6 +789,9 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
 
     std::vector<Row> throughput, cpu, latency, allocations;
+    // The sizes below 1 MiB with their send run's length, for the rows after
+    // the main table.
+    std::vector<std::pair<std::size_t, std::uint64_t>> sendCounts;
     const auto addThroughput = [&](const std::string& what, const Comparison& result,
                                    std::size_t size) {
         const std::string label = what + " " + sizeText(size);
@@ -682,6 +818,10 @@ int main(int argc, char** argv) {
                 watchdog, options.repetitions, [&] { return librarySend(node, sendCount, size); },
                 [&] { return rawSend(context, node, sendCount, size); }),
             size);
+
+        if (size < 1024 * 1024) {
+            sendCounts.emplace_back(size, sendCount);
+        }
 
         watchdog.arm();
         const std::uint64_t receiveCount =
@@ -719,6 +859,92 @@ int main(int argc, char** argv) {
         rows.insert(rows.end(), group->begin(), group->end());
     }
     printTable(rows);
+    std::fflush(stdout);
+
+    // What the delivery-failure report costs a send: the same runs with and
+    // without onUnacknowledged set.
+    std::vector<Row> watched;
+    for (const auto& [size, sendCount] : sendCounts) {
+        const Comparison result = compare(
+            watchdog, options.repetitions,
+            [&, size = size, count = sendCount] { return librarySend(node, count, size, true); },
+            [&, size = size, count = sendCount] { return librarySend(node, count, size, false); });
+        const std::string label = sizeText(size);
+        watched.push_back({"send " + label + " [msg/s]", result.library_rate, result.raw_rate,
+                           result.library_rate / result.raw_rate, ">=", 0.95});
+        watched.push_back({"send " + label + " [CPU us/msg]", result.library_cpu, result.raw_cpu,
+                           result.library_cpu / result.raw_cpu});
+    }
+    std::printf("\nThe delivery-failure report (onUnacknowledged set, or not), same node:\n");
+    printTable(watched, "with", "without");
+    std::fflush(stdout);
+
+    if (!options.devnode.empty()) {
+        const DevNodeProcess devnode(options.devnode);
+        // The library against orvik-devnode and against the minimal node; the
+        // node's CPU per acknowledged message: orvik-devnode's process against
+        // the minimal node's serving thread, a raw libzmq ROUTER that answers
+        // with the same frames.
+        std::vector<Row> through;
+        for (const auto& [size, sendCount] : sendCounts) {
+            const std::string label = sizeText(size);
+            const Comparison result = compare(
+                watchdog, options.repetitions,
+                [&, size = size, count = sendCount] {
+                    return withNodeCpu(devnode, [&] { return librarySend(devnode, count, size); });
+                },
+                [&, size = size, count = sendCount] {
+                    return withNodeCpu(node, [&] { return librarySend(node, count, size); });
+                });
+            through.push_back({"send " + label + " [msg/s]", result.library_rate, result.raw_rate,
+                               result.library_rate / result.raw_rate, ">=", 0.75});
+            through.push_back({"node CPU per ack " + label + " [us]", result.library_node_cpu,
+                               result.raw_node_cpu, result.library_node_cpu / result.raw_node_cpu,
+                               "<=", 1.5});
+            const std::size_t samples = 800;
+            std::vector<double> devnodeMicros, minimalMicros;
+            for (int chunk = 0; chunk < 8; ++chunk) {
+                watchdog.arm();
+                libraryLatency(devnode, samples / 8, size, devnodeMicros);
+                libraryLatency(node, samples / 8, size, minimalMicros);
+            }
+            const double devnodeP50 = percentile(devnodeMicros, 0.5);
+            const double minimalP50 = percentile(minimalMicros, 0.5);
+            through.push_back({"latency p50 " + label + " [us]", devnodeP50, minimalP50,
+                               devnodeP50 / minimalP50});
+        }
+        std::printf("\nThe library through orvik-devnode against the minimal node:\n");
+        printTable(through, "devnode", "minimal node");
+        std::fflush(stdout);
+
+        // A burst with and without a write batch bound: how long
+        // acknowledgements stall while the queue is written, and what the
+        // bound costs in throughput. Medians of three runs each.
+        constexpr std::size_t burst_size = 100;
+        std::printf(
+            "\nA burst of %llu messages of %s through orvik-devnode, queued before the loop\n"
+            "starts, loop timeout %lld ms (medians of 3 runs):\n",
+            static_cast<unsigned long long>(options.burst), sizeText(burst_size).c_str(),
+            static_cast<long long>(loop_timeout.count()));
+        std::printf("%-22s %14s %16s %14s %16s\n", "maxWriteBatch", "acked [msg/s]",
+                    "longest gap [ms]", "first ack [ms]", "node CPU [us/msg]");
+        for (const std::size_t batch : {std::size_t{0}, std::size_t{64}, std::size_t{256},
+                                        std::size_t{1024}, std::size_t{4096}}) {
+            std::vector<double> rate, gap, first, nodeCpu;
+            for (int run = 0; run < 3; ++run) {
+                watchdog.arm();
+                const Burst burst =
+                    libraryBurst(devnode, options.burst, burst_size, batch, loop_timeout);
+                rate.push_back(burst.acknowledged_per_second);
+                gap.push_back(burst.longest_gap_ms);
+                first.push_back(burst.first_ack_ms);
+                nodeCpu.push_back(burst.node_cpu_us);
+            }
+            const std::string name = batch == 0 ? "unset (all)" : std::to_string(batch);
+            std::printf("%-22s %14.0f %16.2f %14.2f %16.2f\n", name.c_str(), percentile(rate, 0.5),
+                        percentile(gap, 0.5), percentile(first, 0.5), percentile(nodeCpu, 0.5));
+        }
+    }
     std::printf("\nload average (1 min): %s before, %s after\n", loadBefore.c_str(),
                 loadAverage().c_str());
     std::fflush(stdout);

@@ -1,6 +1,9 @@
 #include "bench_node.hpp"
 
+#include <pthread.h>
 #include <zmq.h>
+
+#include <ctime>
 
 #include <chrono>
 #include <cstdio>
@@ -83,6 +86,16 @@ BenchNode::~BenchNode() {
     zmq_close(_router);
     zmq_close(_publisher);
     zmq_ctx_term(_context);
+}
+
+double BenchNode::cpuSeconds() const {
+    clockid_t clock{};
+    timespec time{};
+    if (pthread_getcpuclockid(const_cast<std::thread&>(_server).native_handle(), &clock) != 0 ||
+        clock_gettime(clock, &time) != 0) {
+        return 0;
+    }
+    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
 void BenchNode::serve() {
