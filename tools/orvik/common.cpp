@@ -107,6 +107,13 @@ LoopStopper::~LoopStopper() {
     signalledClient.store(nullptr);
 }
 
+LoopStopper::Reason LoopStopper::reason() const {
+    if (signalReceived != 0) {
+        return Reason::Interrupted;
+    }
+    return _deadline.passed() ? Reason::Deadline : Reason::None;
+}
+
 std::string LoopStopper::describe() const {
     switch (reason()) {
         case Reason::Deadline:
@@ -123,14 +130,7 @@ void LoopStopper::watch() {
     Steady::time_point nextTick = Steady::now() + kTickInterval;
     std::unique_lock<std::mutex> lock(_mutex);
     while (!_done_changed.wait_for(lock, kWatchInterval, [this] { return _done; })) {
-        if (_reason.load() == Reason::None) {
-            if (signalReceived != 0) {
-                _reason.store(Reason::Interrupted);
-            } else if (_deadline.passed()) {
-                _reason.store(Reason::Deadline);
-            }
-        }
-        if (_reason.load() != Reason::None) {
+        if (reason() != Reason::None) {
             _client.terminate();
         }
         if (_tick && Steady::now() >= nextTick) {

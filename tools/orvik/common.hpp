@@ -93,7 +93,9 @@ public:
     LoopStopper& operator=(const LoopStopper&) = delete;
     ~LoopStopper();
 
-    Reason reason() const { return _reason.load(); }
+    // What has happened so far: the signal handler ends the loop at once,
+    // before the watcher has seen the signal.
+    Reason reason() const;
     // "deadline passed" or "interrupted"; empty for Reason::None.
     std::string describe() const;
 
@@ -103,7 +105,6 @@ private:
     orvikm::Client& _client;
     const Deadline& _deadline;
     std::function<void()> _tick;
-    std::atomic<Reason> _reason{Reason::None};
     std::mutex _mutex;
     std::condition_variable _done_changed;
     bool _done = false;

@@ -104,9 +104,6 @@ public:
                 error = stopper.describe();
             }
         }
-        if (error.empty() && deadline.passed()) {
-            error = "deadline passed";
-        }
 
         const orvikm::Client::Stats stats = client->stats();
         std::cout << output::sendSummary(stats.written, acks.load()) << std::endl;

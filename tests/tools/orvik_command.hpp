@@ -1,0 +1,279 @@
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/program_process.hpp"
+
+extern char** environ;
+
+namespace orviktest {
+
+using testsupport::ExitStatus;
+
+// The orvik program running as a child of the test, with an environment and
+// standard input of the test's choosing. The ORVIK_* port variables of the
+// test's own environment are never passed on: only those in `environment`
+// reach the child. Standard output and standard error are read on a thread of
+// their own; the destructor kills and reaps a child still running.
+class OrvikCommand {
+public:
+    OrvikCommand(const std::vector<std::string>& arguments,
+                 const std::vector<std::string>& environment = {},
+                 std::optional<std::string> input = std::nullopt);
+    OrvikCommand(const OrvikCommand&) = delete;
+    OrvikCommand& operator=(const OrvikCommand&) = delete;
+    ~OrvikCommand();
+
+    pid_t pid() const { return _pid; }
+
+    // The first line of standard output that contains `fragment`; nothing when
+    // none came within `timeout`.
+    std::optional<std::string> waitForLine(const std::string& fragment,
+                                           std::chrono::milliseconds timeout);
+    std::vector<std::string> outputLines() const;
+    std::string standardOutput() const;
+    std::string standardError() const;
+
+    void sendSignal(int signal);
+    // Reaps the child and waits for the end of its output; nothing when it is
+    // still running after `timeout`.
+    std::optional<ExitStatus> waitForExit(std::chrono::milliseconds timeout);
+
+private:
+    void readOutput(int outputFd, int errorFd);
+
+    pid_t _pid = -1;
+    bool _reaped = false;
+    ExitStatus _status;
+    mutable std::mutex _mutex;
+    std::condition_variable _output_changed;
+    std::string _output;
+    std::string _error;
+    bool _output_closed = false;
+    std::thread _reader;
+    std::thread _writer;
+};
+
+inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
+                                  const std::vector<std::string>& environment,
+                                  std::optional<std::string> input) {
+    using testsupport::program_process_detail::closeQuietly;
+    std::vector<std::string> words{ORVIK_PATH};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+
+    std::vector<std::string> variables;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string variable = *entry;
+        if (variable.rfind("ORVIK_LISTENER_PORT=", 0) != 0 &&
+            variable.rfind("ORVIK_DISPENSER_PORT=", 0) != 0) {
+            variables.push_back(variable);
+        }
+    }
+    variables.insert(variables.end(), environment.begin(), environment.end());
+    std::vector<char*> envp;
+    for (std::string& variable : variables) {
+        envp.push_back(variable.data());
+    }
+    envp.push_back(nullptr);
+
+    int in[2] = {-1, -1};
+    int out[2] = {-1, -1};
+    int err[2] = {-1, -1};
+    if ((input && pipe2(in, O_CLOEXEC) != 0) || pipe2(out, O_CLOEXEC) != 0 ||
+        pipe2(err, O_CLOEXEC) != 0) {
+        for (int* fd : {&in[0], &in[1], &out[0], &out[1]}) {
+            closeQuietly(*fd);
+        }
+        throw std::runtime_error("pipe2 failed");
+    }
+    const pid_t parent = getpid();
+    _pid = fork();
+    if (_pid == 0) {
+        // Only async-signal-safe calls between fork() and exec().
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) {
+            _exit(127);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        signal(SIGPIPE, SIG_DFL);
+        const int source = input ? in[0] : open("/dev/null", O_RDONLY);
+        if (source >= 0) {
+            dup2(source, STDIN_FILENO);
+        }
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        execve(argv[0], argv.data(), envp.data());
+        _exit(127);
+    }
+    closeQuietly(in[0]);
+    closeQuietly(out[1]);
+    closeQuietly(err[1]);
+    if (_pid < 0) {
+        for (int* fd : {&in[1], &out[0], &err[0]}) {
+            closeQuietly(*fd);
+        }
+        throw std::runtime_error("fork failed");
+    }
+    _reader = std::thread(&OrvikCommand::readOutput, this, out[0], err[0]);
+    if (input) {
+        // Written from a thread of its own, so that a child that does not read
+        // cannot block the test; a child that ended without reading ends the
+        // writing with EPIPE instead of a SIGPIPE for the test.
+        std::signal(SIGPIPE, SIG_IGN);
+        _writer = std::thread([fd = in[1], bytes = std::move(*input)] {
+            std::size_t done = 0;
+            while (done < bytes.size()) {
+                const ssize_t wrote = ::write(fd, bytes.data() + done, bytes.size() - done);
+                if (wrote < 0 && errno == EINTR) {
+                    continue;
+                }
+                if (wrote <= 0) {
+                    break;
+                }
+                done += static_cast<std::size_t>(wrote);
+            }
+            ::close(fd);
+        });
+    }
+}
+
+inline OrvikCommand::~OrvikCommand() {
+    if (_pid > 0 && !_reaped) {
+        kill(_pid, SIGKILL);
+        int status = 0;
+        waitpid(_pid, &status, 0);
+        _reaped = true;
+    }
+    // The child's ends of the pipes are closed now: both threads finish.
+    if (_writer.joinable()) {
+        _writer.join();
+    }
+    if (_reader.joinable()) {
+        _reader.join();
+    }
+}
+
+inline void OrvikCommand::readOutput(int outputFd, int errorFd) {
+    constexpr int kReadPollMs = 100;
+    pollfd fds[2] = {{outputFd, POLLIN, 0}, {errorFd, POLLIN, 0}};
+    std::string* sinks[2] = {&_output, &_error};
+    int open = 2;
+    while (open > 0) {
+        if (poll(fds, 2, kReadPollMs) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            break;
+        }
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0) {
+                continue;
+            }
+            char buffer[4096];
+            const ssize_t got = ::read(fds[i].fd, buffer, sizeof buffer);
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got <= 0) {
+                ::close(fds[i].fd);
+                fds[i].fd = -1;
+                --open;
+                continue;
+            }
+            std::lock_guard<std::mutex> guard(_mutex);
+            sinks[i]->append(buffer, static_cast<std::size_t>(got));
+            _output_changed.notify_all();
+        }
+    }
+    for (pollfd& fd : fds) {
+        if (fd.fd >= 0) {
+            ::close(fd.fd);
+        }
+    }
+    std::lock_guard<std::mutex> guard(_mutex);
+    _output_closed = true;
+    _output_changed.notify_all();
+}
+
+inline std::optional<std::string> OrvikCommand::waitForLine(const std::string& fragment,
+                                                            std::chrono::milliseconds timeout) {
+    std::optional<std::string> found;
+    std::unique_lock<std::mutex> lock(_mutex);
+    _output_changed.wait_for(lock, timeout, [&] {
+        for (const std::string& line : testsupport::program_process_detail::splitLines(_output)) {
+            if (line.find(fragment) != std::string::npos) {
+                found = line;
+                return true;
+            }
+        }
+        return _output_closed;
+    });
+    return found;
+}
+
+inline std::vector<std::string> OrvikCommand::outputLines() const {
+    std::lock_guard<std::mutex> guard(_mutex);
+    return testsupport::program_process_detail::splitLines(_output);
+}
+
+inline std::string OrvikCommand::standardOutput() const {
+    std::lock_guard<std::mutex> guard(_mutex);
+    return _output;
+}
+
+inline std::string OrvikCommand::standardError() const {
+    std::lock_guard<std::mutex> guard(_mutex);
+    return _error;
+}
+
+inline void OrvikCommand::sendSignal(int signal) {
+    if (_pid > 0 && !_reaped) {
+        kill(_pid, signal);
+    }
+}
+
+inline std::optional<ExitStatus> OrvikCommand::waitForExit(std::chrono::milliseconds timeout) {
+    constexpr auto kReapPollInterval = std::chrono::milliseconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!_reaped) {
+        int status = 0;
+        const pid_t done = waitpid(_pid, &status, WNOHANG);
+        if (done == _pid) {
+            _reaped = true;
+            _status = testsupport::program_process_detail::decode(status);
+            break;
+        }
+        if (done < 0 || std::chrono::steady_clock::now() >= deadline) {
+            return std::nullopt;
+        }
+        std::this_thread::sleep_for(kReapPollInterval);
+    }
+    std::unique_lock<std::mutex> lock(_mutex);
+    _output_changed.wait_until(lock, deadline + timeout, [this] { return _output_closed; });
+    return _status;
+}
+
+}  // namespace orviktest

@@ -1,0 +1,182 @@
+// orvik listen against orvik-devnode, with messages sent by orvik send.
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "orvik_fixture.hpp"
+#include "support/reserved_port.hpp"
+
+namespace orviktest {
+namespace {
+
+const std::string kRoute = "news";
+const std::string kProbeRoute = "probe";
+
+class OrvikListenTest : public OrvikTest {
+protected:
+    // Starts `orvik listen` subscribed to kRoute and then kProbeRoute, and
+    // returns once it prints the probes: the subscription to kRoute, made
+    // first, has reached the node too.
+    std::unique_ptr<OrvikCommand> startListening(std::vector<std::string> options) {
+        std::vector<std::string> arguments{"listen",    "-s",        kRoute, "-s",
+                                           kProbeRoute, "--timeout", "0"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        auto listener = std::make_unique<OrvikCommand>(withPorts(arguments));
+        EXPECT_TRUE(probeUntilListening(*listener, kProbeRoute, kEventLimit))
+            << listener->standardError();
+        return listener;
+    }
+
+    // Sends with orvik send along kRoute and returns the message's id.
+    std::string send(std::vector<std::string> options, std::optional<std::string> input = {}) {
+        std::vector<std::string> arguments{"send", "-v", "-r", kRoute, "--app-id", "the-sender"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const Finished sent = runOrvik(withPorts(arguments), {}, std::move(input));
+        EXPECT_EQ(sent.status.code, 0) << sent.error;
+        const std::vector<std::string> ids = queuedIds(sent.error);
+        return ids.empty() ? "" : ids.front();
+    }
+
+    // Ends the listener with Ctrl-C and checks that it exits 0.
+    void interrupt(OrvikCommand& listener) {
+        listener.sendSignal(SIGINT);
+        const std::optional<ExitStatus> status = listener.waitForExit(kRunLimit);
+        ASSERT_TRUE(status.has_value());
+        EXPECT_TRUE(status->exited);
+        EXPECT_EQ(status->code, 0) << listener.standardError();
+    }
+};
+
+TEST_F(OrvikListenTest, JsonFormatPrintsOneObjectALineWithEveryField) {
+    auto listener = startListening({"--format", "json"});
+    const std::string id = send({"-t", "text/x-note", "--valid-for", "30", "hello"});
+    const std::optional<std::string> line = listener->waitForLine(id, kEventLimit);
+    interrupt(*listener);
+
+    ASSERT_TRUE(line.has_value());
+    const nlohmann::json message = nlohmann::json::parse(*line);
+    EXPECT_EQ(message.at("id"), id);
+    EXPECT_EQ(message.at("app_id"), "the-sender");
+    EXPECT_EQ(message.at("routes"), nlohmann::json::array({kRoute}));
+    EXPECT_EQ(message.at("type"), "text/x-note");
+    EXPECT_EQ(message.at("size"), 5);
+    EXPECT_EQ(message.at("valid_for"), 30);
+    EXPECT_EQ(message.at("ack_mode"), 1);
+    EXPECT_EQ(message.at("origin"), nlohmann::json::array());
+    EXPECT_EQ(message.at("body"), "hello");
+    EXPECT_EQ(message.at("body_base64"), "aGVsbG8=");
+    EXPECT_EQ(message.size(), 10u);
+}
+
+TEST_F(OrvikListenTest, JsonBodyIsNullForAPayloadThatIsNotUtf8) {
+    auto listener = startListening({"--format", "json"});
+    const std::string id = send({"-"}, std::string("\xff\x00\x01", 3));
+    const std::optional<std::string> line = listener->waitForLine(id, kEventLimit);
+    interrupt(*listener);
+
+    ASSERT_TRUE(line.has_value());
+    const nlohmann::json message = nlohmann::json::parse(*line);
+    EXPECT_TRUE(message.at("body").is_null());
+    EXPECT_EQ(message.at("body_base64"), "/wAB");
+    EXPECT_EQ(message.at("size"), 3);
+}
+
+TEST_F(OrvikListenTest, TextFormatPrintsOneReadableLineAMessage) {
+    auto listener = startListening({});
+    const std::string id = send({"--valid-for", "30", "--ack", "receivers", "two\nlines"});
+    const std::optional<std::string> line = listener->waitForLine(id, kEventLimit);
+    interrupt(*listener);
+
+    ASSERT_TRUE(line.has_value());
+    EXPECT_EQ(*line, id + " from the-sender on news (text/plain, 9 bytes, valid 30 s, ack "
+                          "receivers): two\\nlines");
+}
+
+TEST_F(OrvikListenTest, EveryMessageIsAcknowledged) {
+    auto listener = startListening({"--app-id", "the-listener"});
+    const std::string id = send({"ack me"});
+    ASSERT_TRUE(listener->waitForLine(id, kEventLimit));
+
+    EXPECT_TRUE(node().waitForLine("ACK from the-listener|disp msg_id=" + id, kEventLimit));
+    interrupt(*listener);
+}
+
+TEST_F(OrvikListenTest, NoAckLeavesTheMessagesUnacknowledged) {
+    auto listener = startListening({"--app-id", "the-listener", "--no-ack"});
+    const std::string id = send({"leave me"});
+    ASSERT_TRUE(listener->waitForLine(id, kEventLimit));
+    interrupt(*listener);
+    // A later message from elsewhere has been handled: an acknowledgement
+    // written before the listener printed would have been logged by now.
+    const std::string later = send({"later"});
+    ASSERT_TRUE(node().waitForLine("MSG " + later, kEventLimit));
+
+    EXPECT_EQ(logLinesContaining("ACK from the-listener|disp"), 0u);
+}
+
+TEST_F(OrvikListenTest, CountEndsListeningWithSuccessAfterThatManyMessages) {
+    OrvikCommand listener(withPorts({"listen", "-s", kRoute, "-n", "1"}));
+
+    ASSERT_TRUE(probeUntilListening(listener, kRoute, kEventLimit));
+    const std::optional<ExitStatus> status = listener.waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value());
+    EXPECT_EQ(status->code, 0) << listener.standardError();
+    EXPECT_EQ(listener.outputLines().size(), 1u);
+}
+
+TEST_F(OrvikListenTest, CountNotReachedByTheDeadlineFails) {
+    const auto start = std::chrono::steady_clock::now();
+
+    const Finished listened =
+        runOrvik(withPorts({"listen", "-s", kRoute, "-n", "2", "--timeout", "1"}));
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    EXPECT_EQ(listened.status.code, 1);
+    EXPECT_EQ(listened.error, "orvik listen: deadline passed (received 0 of 2)\n");
+}
+
+TEST_F(OrvikListenTest, WithoutACountTheDeadlineEndsListeningWithSuccess) {
+    const auto start = std::chrono::steady_clock::now();
+
+    const Finished listened = runOrvik(withPorts({"listen", "-s", kRoute, "--timeout", "1"}));
+
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 1s);
+    EXPECT_EQ(listened.status.code, 0) << listened.error;
+    EXPECT_EQ(listened.output, "");
+}
+
+TEST_F(OrvikListenTest, CtrlCBeforeTheCountIsReachedFails) {
+    auto listener = startListening({"-n", "100"});
+
+    listener->sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = listener->waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 1);
+    EXPECT_NE(listener->standardError().find("orvik listen: interrupted (received "),
+              std::string::npos)
+        << listener->standardError();
+}
+
+TEST(OrvikListenAloneTest, AbsentNodeFailsWithinTheDeadline) {
+    const testsupport::ReservedPort listenerPort;
+    const testsupport::ReservedPort dispenserPort;
+    const auto start = std::chrono::steady_clock::now();
+
+    const Finished listened =
+        runOrvik({"listen", "-s", kRoute, "--timeout", "2"},
+                 {"ORVIK_LISTENER_PORT=" + std::to_string(listenerPort.port()),
+                  "ORVIK_DISPENSER_PORT=" + std::to_string(dispenserPort.port())});
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+    EXPECT_EQ(listened.status.code, 1);
+    EXPECT_EQ(listened.error.rfind("orvik listen: Resource temporarily unavailable", 0), 0u)
+        << listened.error;
+}
+
+}  // namespace
+}  // namespace orviktest

@@ -1,0 +1,268 @@
+// orvik send against orvik-devnode, a library subscriber checking what
+// arrived, and a raw router that never acknowledges.
+#include <zmq.h>
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "orvik_fixture.hpp"
+#include "support/raw_peer.hpp"
+#include "support/reserved_port.hpp"
+
+namespace orviktest {
+namespace {
+
+using devnodetest::ReceivedMessage;
+using devnodetest::Recorder;
+
+const std::string kSentOne = "sent 1, acknowledged 1";
+const std::string kSentNone = "sent 0, acknowledged 0";
+const std::string kRoute = "news";
+const std::string kNotAvailable = "Orvik Node is not available";
+const std::string kBinary("\xff\x00\x01payload\n\x80", 12);
+
+// A library client subscribed to kRoute whose messages go to inbox(), and
+// through which the subscription is known to have reached the node.
+class OrvikSendTest : public OrvikTest {
+protected:
+    void SetUp() override {
+        OrvikTest::SetUp();
+        _subscriber = std::make_unique<orvikm::Client>(
+            "orvik-test-subscriber", node().listenerPort(), node().dispenserPort(),
+            std::vector<std::string>{kRoute});
+        devnodetest::recordMessages(*_subscriber, _inbox);
+        _prober =
+            std::make_unique<orvikm::Client>("orvik-test-prober", node().listenerPort(),
+                                             node().dispenserPort(), std::vector<std::string>{});
+        _subscriberLoop = std::make_unique<devnodetest::ClientLoop>(*_subscriber);
+        _proberLoop = std::make_unique<devnodetest::ClientLoop>(*_prober);
+        ASSERT_TRUE(devnodetest::probeUntilDelivered(*_prober, _inbox, kRoute, kEventLimit));
+    }
+
+    void TearDown() override {
+        _proberLoop.reset();
+        _subscriberLoop.reset();
+    }
+
+    // The first message with this id that reached the subscriber.
+    std::optional<ReceivedMessage> arrived(const std::string& id) {
+        std::optional<ReceivedMessage> found;
+        _inbox.waitUntil(
+            [&](const std::vector<ReceivedMessage>& messages) {
+                for (const ReceivedMessage& message : messages) {
+                    if (message.id == id) {
+                        found = message;
+                        return true;
+                    }
+                }
+                return false;
+            },
+            kEventLimit);
+        return found;
+    }
+
+private:
+    Recorder<ReceivedMessage> _inbox;
+    std::unique_ptr<orvikm::Client> _subscriber;
+    std::unique_ptr<orvikm::Client> _prober;
+    std::unique_ptr<devnodetest::ClientLoop> _subscriberLoop;
+    std::unique_ptr<devnodetest::ClientLoop> _proberLoop;
+};
+
+TEST_F(OrvikSendTest, SendWaitsForTheAcknowledgementAndEndsWithTheSummaryLine) {
+    const Finished sent = runOrvik(withPorts({"send", "-v", "-r", kRoute, "hello"}));
+
+    ASSERT_TRUE(sent.status.exited);
+    EXPECT_EQ(sent.status.code, 0) << sent.error;
+    EXPECT_EQ(lastLine(sent), kSentOne);
+    const std::vector<std::string> ids = queuedIds(sent.error);
+    ASSERT_EQ(ids.size(), 1u);
+    EXPECT_NE(sent.error.find("orvik send: acknowledged " + ids[0]), std::string::npos);
+}
+
+TEST_F(OrvikSendTest, DataArrivesWithTheGivenTypeValidityAckModeAndRoutes) {
+    const Finished sent = runOrvik(
+        withPorts({"send", "-v", "-r", kRoute, "-r", "other", "-t", "text/x-note", "--valid-for",
+                   "42", "--ack", "receivers", "--app-id", "note-sender", "hello"}));
+
+    ASSERT_EQ(sent.status.code, 0) << sent.error;
+    const std::vector<std::string> ids = queuedIds(sent.error);
+    ASSERT_EQ(ids.size(), 1u);
+    const std::optional<ReceivedMessage> message = arrived(ids[0]);
+    ASSERT_TRUE(message.has_value());
+    EXPECT_EQ(message->payload, "hello");
+    EXPECT_EQ(message->type, "text/x-note");
+    EXPECT_EQ(message->validFor, std::chrono::seconds(42));
+    EXPECT_EQ(message->ackMode, orvikm::Message::AckMode::ByReceivers);
+    EXPECT_EQ(message->appId, "note-sender");
+    EXPECT_EQ(message->routes, (std::list<std::string>{kRoute, "other"}));
+}
+
+TEST_F(OrvikSendTest, DefaultsAreTextPlainSixtySecondsAndAcknowledgementByTheNode) {
+    const Finished sent = runOrvik(withPorts({"send", "-v", "-r", kRoute, "plain"}));
+
+    ASSERT_EQ(sent.status.code, 0) << sent.error;
+    const std::optional<ReceivedMessage> message = arrived(queuedIds(sent.error).at(0));
+    ASSERT_TRUE(message.has_value());
+    EXPECT_EQ(message->type, "text/plain");
+    EXPECT_EQ(message->validFor, std::chrono::seconds(60));
+    EXPECT_EQ(message->ackMode, orvikm::Message::AckMode::ByNode);
+}
+
+TEST_F(OrvikSendTest, PayloadFromStandardInputArrivesByteForByte) {
+    const Finished sent = runOrvik(withPorts({"send", "-v", "-r", kRoute, "-"}), {}, kBinary);
+
+    ASSERT_EQ(sent.status.code, 0) << sent.error;
+    EXPECT_EQ(lastLine(sent), kSentOne);
+    const std::optional<ReceivedMessage> message = arrived(queuedIds(sent.error).at(0));
+    ASSERT_TRUE(message.has_value());
+    EXPECT_EQ(message->payload, kBinary);
+}
+
+TEST_F(OrvikSendTest, PayloadFromAFileArrivesByteForByte) {
+    const std::string path = ::testing::TempDir() + "orvik_send_payload.bin";
+    std::ofstream(path, std::ios::binary) << kBinary;
+
+    const Finished sent = runOrvik(withPorts({"send", "-v", "-r", kRoute, "-f", path}));
+    std::remove(path.c_str());
+
+    ASSERT_EQ(sent.status.code, 0) << sent.error;
+    const std::optional<ReceivedMessage> message = arrived(queuedIds(sent.error).at(0));
+    ASSERT_TRUE(message.has_value());
+    EXPECT_EQ(message->payload, kBinary);
+}
+
+TEST_F(OrvikSendTest, CountSendsThatManyMessagesEachWithItsOwnId) {
+    const Finished sent = runOrvik(withPorts({"send", "-v", "-n", "5", "-r", kRoute, "again"}));
+
+    ASSERT_EQ(sent.status.code, 0) << sent.error;
+    EXPECT_EQ(lastLine(sent), "sent 5, acknowledged 5");
+    const std::vector<std::string> ids = queuedIds(sent.error);
+    ASSERT_EQ(ids.size(), 5u);
+    for (const std::string& id : ids) {
+        EXPECT_EQ(logLinesContaining("MSG " + id), 1u) << id;
+    }
+}
+
+TEST_F(OrvikSendTest, AckNoneEndsOnceTheMessagesAreWritten) {
+    const Finished sent =
+        runOrvik(withPorts({"send", "--ack", "none", "-n", "2", "-r", kRoute, "fire"}));
+
+    ASSERT_EQ(sent.status.code, 0) << sent.error;
+    EXPECT_EQ(lastLine(sent), "sent 2, acknowledged 0");
+}
+
+TEST_F(OrvikSendTest, PortsComeFromTheEnvironment) {
+    const Finished sent = runOrvik(
+        {"send", "-r", kRoute, "from-env"},
+        {"ORVIK_LISTENER_PORT=" + listenerPort(), "ORVIK_DISPENSER_PORT=" + dispenserPort()});
+
+    EXPECT_EQ(sent.status.code, 0) << sent.error;
+    EXPECT_EQ(lastLine(sent), kSentOne);
+}
+
+TEST_F(OrvikSendTest, CommandLinePortsTakePrecedenceOverTheEnvironment) {
+    const testsupport::ReservedPort nobody;
+    const std::string elsewhere = std::to_string(nobody.port());
+
+    const Finished sent =
+        runOrvik({"send", "-r", kRoute, "-l", listenerPort(), "-d", dispenserPort(), "override"},
+                 {"ORVIK_LISTENER_PORT=" + elsewhere, "ORVIK_DISPENSER_PORT=" + elsewhere});
+
+    EXPECT_EQ(sent.status.code, 0) << sent.error;
+    EXPECT_EQ(lastLine(sent), kSentOne);
+}
+
+TEST_F(OrvikSendTest, AppIdIsTheOneTheNodeSees) {
+    const Finished sent = runOrvik(withPorts({"--app-id", "cli-test-app", "send", "x"}));
+
+    ASSERT_EQ(sent.status.code, 0) << sent.error;
+    EXPECT_GE(logLinesContaining("from cli-test-app|disp"), 1u);
+}
+
+TEST_F(OrvikSendTest, DefaultAppIdIsOrvikAndTheProcessId) {
+    OrvikCommand command(withPorts({"send", "x"}));
+    ASSERT_TRUE(command.waitForExit(kRunLimit).has_value());
+
+    EXPECT_GE(logLinesContaining("from orvik-" + std::to_string(command.pid()) + "|disp"), 1u);
+}
+
+TEST(OrvikSendAloneTest, AbsentNodeFailsWithinTheDeadlineInTheLibrarysWords) {
+    const testsupport::ReservedPort listener;
+    const testsupport::ReservedPort dispenser;
+    const auto start = std::chrono::steady_clock::now();
+
+    const Finished sent = runOrvik({"send", "-l", std::to_string(listener.port()), "-d",
+                                    std::to_string(dispenser.port()), "--timeout", "2", "x"});
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+    ASSERT_TRUE(sent.status.exited);
+    EXPECT_EQ(sent.status.code, 1);
+    EXPECT_EQ(lastLine(sent), kSentNone);
+    EXPECT_EQ(std::count(sent.error.begin(), sent.error.end(), '\n'), 1) << sent.error;
+    EXPECT_EQ(sent.error.rfind("orvik send: ", 0), 0u) << sent.error;
+    EXPECT_NE(sent.error.find(kNotAvailable), std::string::npos) << sent.error;
+}
+
+// A router on the dispenser port that takes every message and never answers.
+class SilentNode {
+public:
+    SilentNode() : _router(ZMQ_ROUTER), _port(_router.bindLoopback()) {}
+    std::vector<std::string> ports() const {
+        return {"-l", std::to_string(_listener.port()), "-d", std::to_string(_port)};
+    }
+    // Waits for a "MSG" request.
+    bool receivedMessage(std::chrono::milliseconds timeout) {
+        const auto end = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < end) {
+            const auto frames = _router.receiveMessage(100ms);
+            if (frames && frames->size() > 2 && (*frames)[2].bytes == "MSG") {
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    const testsupport::ReservedPort _listener;
+    testsupport::RawPeer _router;
+    int _port;
+};
+
+std::vector<std::string> concat(std::vector<std::string> a, const std::vector<std::string>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+TEST(OrvikSendAloneTest, MissingAcknowledgementFailsAtTheDeadlineSayingWhatIsLeft) {
+    SilentNode silent;
+    const auto start = std::chrono::steady_clock::now();
+
+    const Finished sent = runOrvik(concat({"send", "--timeout", "1", "x"}, silent.ports()));
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    EXPECT_EQ(sent.status.code, 1);
+    EXPECT_EQ(lastLine(sent), "sent 1, acknowledged 0");
+    EXPECT_EQ(sent.error, "orvik send: deadline passed (0 unwritten, 1 unacknowledged)\n");
+}
+
+TEST(OrvikSendAloneTest, CtrlCWhileWaitingForAnAcknowledgementEndsWithTheSummary) {
+    SilentNode silent;
+    OrvikCommand command(concat({"send", "--timeout", "0", "x"}, silent.ports()));
+    ASSERT_TRUE(silent.receivedMessage(kEventLimit));
+
+    command.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = command.waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value());
+    ASSERT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 1);
+    EXPECT_EQ(command.outputLines().back(), "sent 1, acknowledged 0");
+    EXPECT_EQ(command.standardError(), "orvik send: interrupted (0 unwritten, 1 unacknowledged)\n");
+}
+
+}  // namespace
+}  // namespace orviktest
