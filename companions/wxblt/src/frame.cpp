@@ -56,6 +56,10 @@ void* Frame::message() {
 
 Frame Socket::recvFrame() {
     detail::throwIfShutDown();
+    if (_has_ahead) {
+        _has_ahead = false;
+        return std::move(_ahead);
+    }
     Frame frame;
     while (zmq_msg_recv(asMessage(frame.message()), _handle, 0) < 0) {
         const int error = zmq_errno();

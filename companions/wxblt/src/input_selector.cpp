@@ -3,13 +3,23 @@
 #include <zmq.h>
 
 #include <cerrno>
+#include <memory>
 
 #include "context.hpp"
 
 namespace wxblt {
 
-InputSelector::InputSelector(std::vector<std::pair<Socket*, Handler>> entries)
-    : _entries(std::move(entries)) {}
+namespace {
+
+// Selectors watch two or three sockets: their poll items live on the stack.
+constexpr std::size_t stack_items = 4;
+
+}  // namespace
+
+InputSelector::InputSelector(std::vector<std::pair<Socket*, Handler>> entries,
+                             std::size_t maxCallsPerSocket)
+    : _entries(std::move(entries)),
+      _max_calls_per_socket(maxCallsPerSocket > 0 ? maxCallsPerSocket : 1) {}
 
 InputSelector::~InputSelector() = default;
 
@@ -22,17 +32,32 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
     }
     const Clock::time_point deadline = Clock::now() + timeout;
 
-    // Built at every call: it costs little and stays right if a socket moved.
-    std::vector<zmq_pollitem_t> items;
-    items.reserve(_entries.size());
-    for (const auto& entry : _entries) {
-        items.push_back(zmq_pollitem_t{entry.first->handle(), 0, ZMQ_POLLIN, 0});
+    // Built at every call: it stays right if a socket moved.
+    const std::size_t count = _entries.size();
+    zmq_pollitem_t stackItems[stack_items];
+    bool stackActive[stack_items];
+    std::vector<zmq_pollitem_t> heapItems;
+    std::unique_ptr<bool[]> heapActive;
+    zmq_pollitem_t* items = stackItems;
+    bool* active = stackActive;
+    if (count > stack_items) {
+        heapItems.resize(count);
+        heapActive.reset(new bool[count]);
+        items = heapItems.data();
+        active = heapActive.get();
+    }
+    // A frame that a socket received ahead is input that the poll cannot see:
+    // then the poll only looks.
+    bool ahead = false;
+    for (std::size_t i = 0; i < count; ++i) {
+        items[i] = zmq_pollitem_t{_entries[i].first->handle(), 0, ZMQ_POLLIN, 0};
+        ahead = ahead || _entries[i].first->hasFrameAhead();
     }
 
-    long wait = timeout.count();
+    long wait = ahead ? 0 : timeout.count();
     for (;;) {
-        const int ready = zmq_poll(items.data(), static_cast<int>(items.size()), wait);
-        if (ready > 0) {
+        const int ready = zmq_poll(items, static_cast<int>(count), wait);
+        if (ready > 0 || (ready == 0 && ahead)) {
             break;
         }
         if (ready == 0) {
@@ -44,18 +69,39 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
         // A signal cut the wait short: wait for what is left of it.
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0) {
+        if (left.count() <= 0 && !ahead) {
             return false;
         }
-        wait = left.count();
+        wait = ahead ? 0 : left.count();
     }
 
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        if ((items[i].revents & ZMQ_POLLIN) != 0) {
-            _entries[i].second(_entries[i].first);
-        }
+    for (std::size_t i = 0; i < count; ++i) {
+        active[i] = (items[i].revents & ZMQ_POLLIN) != 0 || _entries[i].first->hasFrameAhead();
     }
-    return true;
+    // Round by round, each socket that still has input gets one more call, up
+    // to the bound: one busy socket does not keep the others waiting, and the
+    // poll with its system calls is paid once for many requests.
+    bool dispatched = false;
+    for (std::size_t round = 0; round < _max_calls_per_socket; ++round) {
+        bool called = false;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (!active[i]) {
+                continue;
+            }
+            Socket* socket = _entries[i].first;
+            if (round > 0 && !socket->inputWaiting()) {
+                active[i] = false;
+                continue;
+            }
+            _entries[i].second(socket);
+            called = true;
+        }
+        if (!called) {
+            break;
+        }
+        dispatched = true;
+    }
+    return dispatched;
 }
 
 }  // namespace wxblt

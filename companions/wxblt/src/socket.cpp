@@ -56,13 +56,20 @@ Socket::Socket(SocketType type)
 }
 
 Socket::Socket(Socket&& other) noexcept
-    : _handle(std::exchange(other._handle, nullptr)), _type(other._type) {}
+    : _handle(std::exchange(other._handle, nullptr)),
+      _type(other._type),
+      _read_ahead(other._read_ahead),
+      _has_ahead(std::exchange(other._has_ahead, false)),
+      _ahead(std::move(other._ahead)) {}
 
 Socket& Socket::operator=(Socket&& other) noexcept {
     if (this != &other) {
         close();
         _handle = std::exchange(other._handle, nullptr);
         _type = other._type;
+        _read_ahead = other._read_ahead;
+        _has_ahead = std::exchange(other._has_ahead, false);
+        _ahead = std::move(other._ahead);
     }
     return *this;
 }
@@ -72,6 +79,10 @@ Socket::~Socket() {
 }
 
 void Socket::close() noexcept {
+    if (_has_ahead) {
+        _ahead = Frame();
+        _has_ahead = false;
+    }
     if (_handle != nullptr) {
         zmq_close(_handle);
         _handle = nullptr;
@@ -129,6 +140,16 @@ void Socket::send(const std::string& frame, bool more) {
 
 unsigned Socket::recv(char* buffer, unsigned size) {
     detail::throwIfShutDown();
+    if (_has_ahead) {
+        const Frame ahead = recvFrame();
+        const std::size_t length = ahead.size();
+        const std::size_t copied = length < size ? length : size;
+        if (copied > 0) {
+            std::memcpy(buffer, ahead.data(), copied);
+        }
+        return length > std::numeric_limits<unsigned>::max() ? std::numeric_limits<unsigned>::max()
+                                                             : static_cast<unsigned>(length);
+    }
     zmq_msg_t frame;
     zmq_msg_init(&frame);
     while (zmq_msg_recv(&frame, _handle, 0) < 0) {
@@ -152,6 +173,10 @@ unsigned Socket::recv(char* buffer, unsigned size) {
 
 bool Socket::checkMore() const {
     detail::throwIfShutDown();
+    // A frame is received ahead only once the message before it is complete.
+    if (_has_ahead) {
+        return false;
+    }
     int more = 0;
     size_t size = sizeof more;
     if (zmq_getsockopt(_handle, ZMQ_RCVMORE, &more, &size) != 0) {
@@ -199,12 +224,44 @@ void Socket::setRouterMandatory(bool mandatory) {
 
 bool Socket::hasInput() const {
     detail::throwIfShutDown();
+    if (_has_ahead) {
+        return true;
+    }
     int events = 0;
     size_t size = sizeof events;
     if (zmq_getsockopt(_handle, ZMQ_EVENTS, &events, &size) != 0) {
         detail::throwLastError();
     }
     return (events & ZMQ_POLLIN) != 0;
+}
+
+void Socket::setReadAhead(bool enabled) noexcept {
+    _read_ahead = enabled;
+}
+
+bool Socket::inputWaiting() {
+    if (!_read_ahead || _has_ahead) {
+        return hasInput();
+    }
+    // The rest of a message that its reader left unread is input as well, and
+    // must not be mistaken for the start of the next one.
+    if (checkMore()) {
+        return true;
+    }
+    // ZMQ_EVENTS asks the socket's command mailbox every time, a poll and
+    // libzmq's fork check (getpid) when nothing is pending. A receive that
+    // finds a frame asks it only every hundredth time.
+    while (zmq_msg_recv(static_cast<zmq_msg_t*>(_ahead.message()), _handle, ZMQ_DONTWAIT) < 0) {
+        const int error = zmq_errno();
+        if (error == EAGAIN) {
+            return false;
+        }
+        if (error != EINTR) {
+            detail::throwError(error);
+        }
+    }
+    _has_ahead = true;
+    return true;
 }
 
 }  // namespace wxblt

@@ -343,4 +343,131 @@ TEST(InputSelectorTest, RunWithTheMostNegativeTimeoutReturnsAtOnceWithoutInput) 
     EXPECT_FALSE(*ran);
 }
 
+// A pair of sockets over inproc, whose sends are in the receiving socket's queue
+// when they return: a test can then know that every request it sent waits
+// before a run starts (over TCP some could still be on the way).
+struct QueuedInput {
+    explicit QueuedInput(const std::string& name, bool readAhead = true)
+        : socket(SocketType::Dealer), feeder(SocketType::Dealer) {
+        socket.bind("inproc://" + name);
+        socket.setReadAhead(readAhead);
+        feeder.connect("inproc://" + name);
+    }
+
+    // Queues `count` one-frame requests, numbered from 0.
+    void give(int count) {
+        for (int i = 0; i < count; ++i) {
+            feeder.send(std::to_string(i), false);
+        }
+    }
+
+    Socket socket;
+    Socket feeder;
+};
+
+// A handler that reads one request of one frame and notes its text.
+InputSelector::Handler readingOne(std::vector<std::string>& seen, const std::string& name = "") {
+    return [&seen, name](Socket* socket) {
+        char buffer[16];
+        const unsigned size = socket->recv(buffer, sizeof buffer);
+        seen.push_back(name + std::string(buffer, size));
+    };
+}
+
+TEST(InputSelectorTest, RunWithABoundDispatchesEveryQueuedRequestInOneRun) {
+    QueuedInput input("selector-queued");
+    std::vector<std::string> seen;
+    InputSelector selector({{&input.socket, readingOne(seen)}}, 64);
+    input.give(5);
+
+    const bool ran = selector.run(arrival_timeout);
+
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(seen, (std::vector<std::string>{"0", "1", "2", "3", "4"}));
+}
+
+TEST(InputSelectorTest, RunWithABoundDispatchesEveryQueuedRequestWithoutReadAhead) {
+    QueuedInput input("selector-queued-events", false);
+    std::vector<std::string> seen;
+    InputSelector selector({{&input.socket, readingOne(seen)}}, 64);
+    input.give(5);
+
+    selector.run(arrival_timeout);
+
+    EXPECT_EQ(seen, (std::vector<std::string>{"0", "1", "2", "3", "4"}));
+    EXPECT_FALSE(input.socket.hasFrameAhead());
+}
+
+TEST(InputSelectorTest, RunCallsAHandlerAtMostTheBoundTimes) {
+    QueuedInput input("selector-bound");
+    std::vector<std::string> seen;
+    InputSelector selector({{&input.socket, readingOne(seen)}}, 3);
+    input.give(5);
+
+    selector.run(arrival_timeout);
+
+    EXPECT_EQ(seen, (std::vector<std::string>{"0", "1", "2"}));
+}
+
+TEST(InputSelectorTest, TheNextRunGoesOnWhereTheBoundStoppedTheLastOne) {
+    QueuedInput input("selector-bound-next");
+    std::vector<std::string> seen;
+    InputSelector selector({{&input.socket, readingOne(seen)}}, 3);
+    input.give(5);
+    selector.run(arrival_timeout);
+    seen.clear();
+
+    selector.run(arrival_timeout);
+
+    EXPECT_EQ(seen, (std::vector<std::string>{"3", "4"}));
+}
+
+TEST(InputSelectorTest, RunWithABoundTakesBusySocketsInTurns) {
+    QueuedInput first("selector-turns-first");
+    QueuedInput second("selector-turns-second");
+    std::vector<std::string> seen;
+    InputSelector selector({{&first.socket, readingOne(seen, first_name)},
+                            {&second.socket, readingOne(seen, second_name)}},
+                           64);
+    first.give(3);
+    second.give(2);
+
+    selector.run(arrival_timeout);
+
+    EXPECT_EQ(seen, (std::vector<std::string>{first_name + "0", second_name + "0", first_name + "1",
+                                              second_name + "1", first_name + "2"}));
+}
+
+TEST(InputSelectorTest, WithoutABoundRunCallsAHandlerOnceEvenWithMoreQueued) {
+    QueuedInput input("selector-once");
+    std::vector<std::string> seen;
+    InputSelector selector({{&input.socket, readingOne(seen)}});
+    input.give(3);
+
+    selector.run(arrival_timeout);
+
+    EXPECT_EQ(seen, std::vector<std::string>{"0"});
+}
+
+// A handler that leaves its input unread makes the run receive that input
+// ahead; the next run must not wait for input that is already there.
+TEST(InputSelectorTest, AFrameReceivedAheadIsDispatchedByTheNextRunWithoutWaiting) {
+    QueuedInput input("selector-ahead");
+    int calls = 0;
+    InputSelector idle({{&input.socket, [&](Socket*) { ++calls; }}}, 2);
+    std::vector<std::string> seen;
+    InputSelector reading({{&input.socket, readingOne(seen)}});
+    input.give(1);
+    idle.run(arrival_timeout);
+    ASSERT_TRUE(input.socket.hasFrameAhead());
+
+    const auto start = Clock::now();
+    const bool ran = reading.run(10s);
+    const auto elapsed = Clock::now() - start;
+
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(seen, std::vector<std::string>{"0"});
+    EXPECT_LT(elapsed, late_margin);
+}
+
 }  // namespace

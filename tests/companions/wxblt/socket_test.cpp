@@ -752,4 +752,110 @@ TEST(SocketTest, DestroyingAMovedFromSocketAfterMoveAssignmentLeavesTheTargetWor
               (std::vector<Frame>{{dealer_identity, true}, {first_frame, false}}));
 }
 
+// Read-ahead: a frame received ahead by inputWaiting() is the next one that the
+// reading calls see, and the message around it reads as it would without.
+struct ReadAheadPair {
+    explicit ReadAheadPair(const std::string& name)
+        : reader(SocketType::Dealer), writer(SocketType::Dealer) {
+        reader.bind("inproc://" + name);
+        reader.setReadAhead(true);
+        writer.connect("inproc://" + name);
+    }
+    Socket reader;
+    Socket writer;
+};
+
+TEST(SocketTest, InputWaitingWithReadAheadFindsAQueuedFrame) {
+    ReadAheadPair pair("read-ahead-finds");
+    pair.writer.send(first_frame, false);
+
+    EXPECT_TRUE(pair.reader.inputWaiting());
+    EXPECT_TRUE(pair.reader.hasFrameAhead());
+}
+
+TEST(SocketTest, InputWaitingWithReadAheadIsFalseWithoutInput) {
+    ReadAheadPair pair("read-ahead-none");
+
+    EXPECT_FALSE(pair.reader.inputWaiting());
+    EXPECT_FALSE(pair.reader.hasFrameAhead());
+}
+
+TEST(SocketTest, RecvReturnsTheFrameReceivedAheadThenTheRestOfItsMessage) {
+    ReadAheadPair pair("read-ahead-recv");
+    pair.writer.send(first_frame, true);
+    pair.writer.send(second_frame, false);
+    ASSERT_TRUE(pair.reader.inputWaiting());
+    char buffer[64];
+
+    const unsigned firstSize = pair.reader.recv(buffer, sizeof buffer);
+    const std::string first(buffer, firstSize);
+    const bool moreAfterFirst = pair.reader.checkMore();
+    const unsigned secondSize = pair.reader.recv(buffer, sizeof buffer);
+    const std::string second(buffer, secondSize);
+
+    EXPECT_EQ(first, first_frame);
+    EXPECT_TRUE(moreAfterFirst);
+    EXPECT_EQ(second, second_frame);
+    EXPECT_FALSE(pair.reader.checkMore());
+    EXPECT_FALSE(pair.reader.hasFrameAhead());
+}
+
+TEST(SocketTest, RecvFrameReturnsTheFrameReceivedAhead) {
+    ReadAheadPair pair("read-ahead-frame");
+    pair.writer.send(first_frame, false);
+    ASSERT_TRUE(pair.reader.inputWaiting());
+
+    const wxblt::Frame frame = pair.reader.recvFrame();
+
+    EXPECT_EQ(std::string(frame.data(), frame.size()), first_frame);
+}
+
+TEST(SocketTest, WhileAFrameWaitsAheadTheMessageReadBeforeItHasNoMore) {
+    ReadAheadPair pair("read-ahead-more");
+    pair.writer.send(first_frame, false);
+    pair.writer.send(second_frame, true);
+    pair.writer.send(first_frame, false);
+    char buffer[64];
+    pair.reader.recv(buffer, sizeof buffer);
+    ASSERT_TRUE(pair.reader.inputWaiting());
+
+    EXPECT_FALSE(pair.reader.checkMore());
+}
+
+TEST(SocketTest, FlushMessageKeepsTheFrameReceivedAhead) {
+    ReadAheadPair pair("read-ahead-flush");
+    pair.writer.send(first_frame, false);
+    ASSERT_TRUE(pair.reader.inputWaiting());
+    char buffer[64];
+
+    pair.reader.flushMessage();
+    const unsigned size = pair.reader.recv(buffer, sizeof buffer);
+
+    EXPECT_EQ(std::string(buffer, size), first_frame);
+}
+
+TEST(SocketTest, InputWaitingSeesTheUnreadRestOfAMessageWithoutReceivingIt) {
+    ReadAheadPair pair("read-ahead-rest");
+    pair.writer.send(first_frame, true);
+    pair.writer.send(second_frame, false);
+    char buffer[64];
+    pair.reader.recv(buffer, sizeof buffer);
+
+    EXPECT_TRUE(pair.reader.inputWaiting());
+    EXPECT_FALSE(pair.reader.hasFrameAhead());
+    EXPECT_TRUE(pair.reader.checkMore());
+}
+
+TEST(SocketTest, AMovedSocketKeepsItsFrameReceivedAhead) {
+    ReadAheadPair pair("read-ahead-move");
+    pair.writer.send(first_frame, false);
+    ASSERT_TRUE(pair.reader.inputWaiting());
+    char buffer[64];
+
+    Socket moved(std::move(pair.reader));
+    const unsigned size = moved.recv(buffer, sizeof buffer);
+
+    EXPECT_EQ(std::string(buffer, size), first_frame);
+}
+
 }  // namespace

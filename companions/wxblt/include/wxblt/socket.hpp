@@ -98,6 +98,21 @@ public:
     /// True when a frame can be received without blocking.
     bool hasInput() const;
 
+    /// Lets this socket receive the first frame of the next message ahead,
+    /// without waiting, when inputWaiting() is asked; recv(), recvFrame(),
+    /// checkMore() and flushMessage() then find it there. For a socket read
+    /// only through those calls, never through handle(), which does not see a
+    /// frame received ahead. Off unless set.
+    void setReadAhead(bool enabled) noexcept;
+    /// True when a frame can be received without blocking. With read-ahead
+    /// set, and the message being read complete, it receives the next frame
+    /// ahead: no system call while frames are waiting. Without, it asks the
+    /// socket's events, which costs a system call or two each time.
+    bool inputWaiting();
+    /// True while a frame received ahead waits to be read; a poll of handle()
+    /// does not see it.
+    bool hasFrameAhead() const noexcept { return _has_ahead; }
+
     /// The underlying ZeroMQ socket, for polling.
     void* handle() const noexcept { return _handle; }
 
@@ -106,6 +121,9 @@ private:
 
     void* _handle;
     SocketType _type;
+    bool _read_ahead = false;
+    bool _has_ahead = false;
+    Frame _ahead;
 };
 
 }  // namespace wxblt
