@@ -7,8 +7,8 @@ CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 FUZZ_SECONDS ?= 600
 COMMA := ,
 
-# What `make demo` runs: the development node and the examples.
-DEMO_TARGETS = orvik-devnode sender receiver registry_watcher readme_example
+# What `make demo` runs: the development node, the examples and orvik.
+DEMO_TARGETS = orvik-devnode sender receiver registry_watcher readme_example orvik
 
 .PHONY: all deps configure build test demo docs package test-asan test-tsan fuzz stress clean bench
 

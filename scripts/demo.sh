@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Starts orvik-devnode on free ports, runs the example receiver, sender and
-# registry watcher against it and prints what happened. Exits non-zero when
-# any step failed; stops everything it started.
+# registry watcher against it, then the orvik command-line tool, and prints
+# what happened. Exits non-zero when any step failed; stops everything it
+# started.
 set -uo pipefail
 build_dir=${1:-build}
 work=$(mktemp -d)
@@ -58,15 +59,36 @@ step "Registry watcher fetches the registry twice"
 "$build_dir/examples/registry_watcher" "${ports[@]}" --count 2 --timeout 20
 registry_status=$?
 
+# The orvik tool takes the node's ports from the environment.
+export ORVIK_LISTENER_PORT=$listener ORVIK_DISPENSER_PORT=$dispenser
+orvik=$build_dir/tools/orvik/orvik
+
+step "orvik listen waits for 3 messages on \"alerts\"; orvik send sends them"
+"$orvik" listen -s alerts -n 3 --format json --timeout 20 >"$work/listen.log" 2>&1 &
+listen_pid=$!
+sleep 1
+"$orvik" send -r alerts -n 3 "disk almost full"
+send_status=$?
+wait "$listen_pid"
+listen_status=$?
+cat "$work/listen.log"
+
+step "orvik registry prints the node's registry"
+"$orvik" registry --format json
+orvik_registry_status=$?
+
 step "What the node logged"
 kill "$node_pid" && wait "$node_pid" 2>/dev/null
 node_pid=""
 cat "$work/node.log"
 
 echo
-if [ "$sender_status" -eq 0 ] && [ "$receiver_status" -eq 0 ] && [ "$registry_status" -eq 0 ]; then
-    echo "demo: OK - 5 messages sent and acknowledged, 5 received and acknowledged, registry fetched twice"
+if [ "$sender_status" -eq 0 ] && [ "$receiver_status" -eq 0 ] && [ "$registry_status" -eq 0 ] &&
+    [ "$send_status" -eq 0 ] && [ "$listen_status" -eq 0 ] && [ "$orvik_registry_status" -eq 0 ]; then
+    echo "demo: OK - 5 messages sent and acknowledged, 5 received and acknowledged, registry fetched twice;"
+    echo "      orvik sent 3 messages, listened to all 3 and fetched the registry"
     exit 0
 fi
-echo "demo: FAILED (sender $sender_status, receiver $receiver_status, registry watcher $registry_status)"
+echo "demo: FAILED (sender $sender_status, receiver $receiver_status, registry watcher $registry_status," \
+    "orvik send $send_status, orvik listen $listen_status, orvik registry $orvik_registry_status)"
 exit 1
