@@ -12,6 +12,7 @@
 #include <mutex>
 #include <queue>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -26,6 +27,12 @@
 #include <wxblt/socket.hpp>
 
 namespace orvikm {
+
+/// The client's internals, not for applications.
+namespace detail {
+/// The watched messages of the delivery-failure report (defined in the library).
+class WatchTable;
+}  // namespace detail
 
 /// The application's connection to the local Orvik Node: a listener (subscriber)
 /// on which the node publishes messages for the application, and a dispenser
@@ -331,7 +338,7 @@ private:
     void report_loop_error(const std::function<void(orviku::Exception&)>& errorHandler);
     // The delivery-failure report's bookkeeping.
     void watch_queued(const Message& message, bool hasCallback);
-    void note_written(const std::string& msgId);
+    void note_written(std::string_view msgId);
     void note_acknowledged(const std::string& msgId);
     void expire_due();
 
@@ -378,17 +385,11 @@ private:
     // The delivery-failure report: while a report callback is set, every
     // message sent is watched from send() until it is acknowledged, written
     // without a callback, or reported.
-    struct Watched {
-        std::chrono::steady_clock::time_point deadline;
-        std::chrono::seconds validFor;
-        bool written;
-        bool hasCallback;
-    };
     std::function<void(const std::string&)> _on_unacknowledged;
     bool _on_unacknowledged_replaced{false};
     std::atomic<bool> _watching{false};
     std::mutex _watch_lock;
-    std::unordered_map<std::string, Watched> _watched;
+    std::unique_ptr<detail::WatchTable> _watched;
     std::chrono::steady_clock::time_point _next_expiry_check;
 };
 

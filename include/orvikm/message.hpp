@@ -72,6 +72,9 @@ public:
     const char* wireName() const override;
     /// The message's id, a UUID in text form.
     std::string msgId() const { return msg_id; }
+    /// The message's id without a copy, valid while the message lives and
+    /// keeps it.
+    std::string_view msgIdView() const noexcept { return msg_id; }
     /// The sending application's id.
     std::string appId() const { return config.app_id; }
     /// The routes the node passes the message along.

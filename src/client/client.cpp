@@ -8,6 +8,7 @@
 
 #include "intervals.hpp"
 #include "limits.hpp"
+#include "watch_table.hpp"
 
 namespace orvikm {
 
@@ -101,7 +102,8 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
                 requests_per_socket_and_poll),
       _id(std::move(appId)),
       _subscriptions(std::move(subscriptions)),
-      _options(options) {
+      _options(options),
+      _watched(std::make_unique<detail::WatchTable>()) {
     checkOptions(_options);
     // Neither socket limits its queues. ZeroMQ's default of 1000 messages each
     // way turns a node that is merely busy into errors and losses: a full

@@ -6,6 +6,7 @@
 
 #include "intervals.hpp"
 #include "loop_support.hpp"
+#include "watch_table.hpp"
 
 // The calls beyond the client's original surface: counters, flush and the
 // delivery-failure report.
@@ -78,35 +79,35 @@ void Client::onUnacknowledged(std::function<void(const std::string& msgId)> call
     _watching.store(watching);
     if (!watching) {
         std::lock_guard<std::mutex> guard(_watch_lock);
-        _watched.clear();
+        _watched->clear();
     }
 }
 
 void Client::watch_queued(const Message& message, bool hasCallback) {
-    const Watched watched{detail::steadyAfter(Steady::now(), message.validFor()),
-                          message.validFor(), false, hasCallback};
+    const detail::WatchRecord watched{detail::steadyAfter(Steady::now(), message.validFor()),
+                                      message.validFor(), false, hasCallback};
     std::lock_guard<std::mutex> guard(_watch_lock);
-    _watched.insert_or_assign(message.msgId(), watched);
+    _watched->insertOrAssign(message.msgIdView(), watched);
 }
 
-void Client::note_written(const std::string& msgId) {
+void Client::note_written(std::string_view msgId) {
     std::lock_guard<std::mutex> guard(_watch_lock);
-    const auto entry = _watched.find(msgId);
-    if (entry == _watched.end()) {
+    detail::WatchRecord* entry = _watched->find(msgId);
+    if (entry == nullptr) {
         return;
     }
-    if (!entry->second.hasCallback) {
+    if (!entry->hasCallback) {
         // Nothing waits for its acknowledgement: nothing to report.
-        _watched.erase(entry);
+        _watched->erase(msgId);
         return;
     }
-    entry->second.written = true;
-    entry->second.deadline = detail::steadyAfter(Steady::now(), entry->second.validFor);
+    entry->written = true;
+    entry->deadline = detail::steadyAfter(Steady::now(), entry->validFor);
 }
 
 void Client::note_acknowledged(const std::string& msgId) {
     std::lock_guard<std::mutex> guard(_watch_lock);
-    _watched.erase(msgId);
+    _watched->erase(msgId);
 }
 
 void Client::expire_due() {
@@ -123,13 +124,15 @@ void Client::expire_due() {
     std::vector<std::string> written;
     {
         std::lock_guard<std::mutex> guard(_watch_lock);
-        for (auto entry = _watched.begin(); entry != _watched.end();) {
-            if (entry->second.deadline > now) {
-                ++entry;
-                continue;
+        _watched->forEach([&](std::string_view id, const detail::WatchRecord& entry) {
+            if (entry.deadline <= now) {
+                (entry.written ? written : queued).emplace_back(id);
             }
-            (entry->second.written ? written : queued).push_back(entry->first);
-            entry = _watched.erase(entry);
+        });
+        for (const std::vector<std::string>* ids : {&queued, &written}) {
+            for (const std::string& id : *ids) {
+                _watched->erase(id);
+            }
         }
     }
     if (!queued.empty()) {

@@ -48,7 +48,7 @@ bool Client::send_one_msg() {
         }
         ++_written;
         if (_watching.load(std::memory_order_relaxed)) {
-            note_written(message.msgId());
+            note_written(message.msgIdView());
         }
         return true;
     });

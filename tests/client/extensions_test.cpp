@@ -2,6 +2,7 @@
 
 #include <zmq.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -345,6 +346,43 @@ TEST(ClientUnacknowledgedTest, MessageAcknowledgedInTimeIsNotReported) {
 
     EXPECT_EQ(acknowledged.load(), 1);
     EXPECT_TRUE(reports.ids().empty());
+}
+
+TEST(ClientUnacknowledgedTest, AmongManyWatchedMessagesExactlyTheUnacknowledgedAreReported) {
+    constexpr int kMessages = 2000;
+    constexpr int kEveryUnacknowledged = 100;
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    std::atomic<int> acknowledged{0};
+    std::vector<std::string> ids;
+    for (int i = 0; i < kMessages; ++i) {
+        ids.push_back(sendCounted(client, acknowledged, kShortValidity));
+    }
+    LoopThread loop(client, nullptr);
+    for (int i = 0; i < kMessages; ++i) {
+        ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+    }
+    std::vector<std::string> unacknowledged;
+    // Acknowledged newest first, so that entries leave the table out of the
+    // order in which they came.
+    for (int i = kMessages - 1; i >= 0; --i) {
+        if (i % kEveryUnacknowledged == 0) {
+            unacknowledged.push_back(ids[i]);
+        } else {
+            node.sendTo(kDispenserIdentity, testsupport::ackFrames(ids[i]));
+        }
+    }
+
+    ASSERT_TRUE(reports.waitForCount(unacknowledged.size(), kEventLimit));
+    std::this_thread::sleep_for(kQuietTime);
+
+    std::vector<std::string> reported = reports.ids();
+    std::sort(reported.begin(), reported.end());
+    std::sort(unacknowledged.begin(), unacknowledged.end());
+    EXPECT_EQ(reported, unacknowledged);
+    EXPECT_EQ(acknowledged.load(), kMessages - static_cast<int>(unacknowledged.size()));
 }
 
 TEST(ClientUnacknowledgedTest, MessageWithoutCallbackIsNotReported) {
