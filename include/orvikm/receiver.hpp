@@ -48,6 +48,9 @@ public:
     /// Throws ProtocolError "Expected more frames. Next section: " + section
     /// when the last frame read was the request's last. Reads nothing.
     void expectMore(std::string section);
+    /// As expectMore(std::string), building the section's string only when it
+    /// throws.
+    void expectMore(const char* section);
 
     /// Reads the route frames up to the delimiter that ends them.
     std::list<std::string> receive_routes();

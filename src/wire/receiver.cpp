@@ -98,6 +98,10 @@ void Receiver::expectMore(std::string section) {
     }
 }
 
+void Receiver::expectMore(const char* section) {
+    expect_more(section);
+}
+
 void Receiver::expect_more(const char* section) {
     if (!socket->checkMore()) {
         throw ProtocolError(std::string("Expected more frames. Next section: ") + section);
