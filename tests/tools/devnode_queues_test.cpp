@@ -44,6 +44,7 @@ std::unique_ptr<RawPeer> stuckPeer(int type, int port, const std::string& identi
     auto peer = std::make_unique<RawPeer>(type);
     peer->setIntOption(ZMQ_RCVHWM, 1);
     peer->setIntOption(ZMQ_RCVBUF, 4096);
+    peer->setIntOption(ZMQ_SNDTIMEO, 10000);
     if (!identity.empty()) {
         peer->setBytesOption(ZMQ_ROUTING_ID, identity);
     }

@@ -8,6 +8,14 @@
 
 namespace devnodetest {
 
+namespace {
+
+// A send that finds the dealer's queue full (a node that stopped reading)
+// fails after this long instead of waiting for ever.
+constexpr int kSendLimitMs = 10000;
+
+}  // namespace
+
 std::optional<long> residentKb(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     std::string line;
@@ -25,6 +33,7 @@ std::optional<long> residentKb(pid_t pid) {
 
 std::unique_ptr<RawPeer> connectDealer(int dispenserPort, const std::string& identity) {
     auto dealer = std::make_unique<RawPeer>(ZMQ_DEALER);
+    dealer->setIntOption(ZMQ_SNDTIMEO, kSendLimitMs);
     if (!identity.empty()) {
         dealer->setBytesOption(ZMQ_ROUTING_ID, identity);
     }

@@ -43,7 +43,7 @@ using testsupport::RawPeer;
 std::optional<long> residentKb(pid_t pid);
 
 // A DEALER connected to the dispenser port, with `identity` when it is not
-// empty.
+// empty. A send that finds its queue full fails after 10 s (RawPeer throws).
 std::unique_ptr<RawPeer> connectDealer(int dispenserPort, const std::string& identity = "");
 // A SUB connected to the listener port and subscribed to each topic.
 std::unique_ptr<RawPeer> connectSubscriber(int listenerPort,
