@@ -34,6 +34,9 @@ const std::string_view kDelimiter(&kDelimiterByte, 1);
 // Requests read ahead from one dealer's connection. Beyond it the connection
 // waits until the node has caught up; nothing is lost.
 constexpr int kInboundQueue = 1000;
+// Requests served per wake-up at most before the node looks at its
+// connection events again.
+constexpr std::size_t kRequestsPerWakeUp = 64;
 // Dealers remembered for their queue accounts and connections.
 constexpr std::size_t kPeersRemembered = 4096;
 // Lines one peer may log at once; then one a second and a summary.
@@ -175,10 +178,14 @@ DevNode::DevNode(DevNodeOptions options, std::ostream& log)
 }
 
 void DevNode::run(const std::atomic<bool>& stop) {
-    wxblt::InputSelector selector({
-        {&_connection_events, [this](wxblt::Socket*) { readConnectionEvents(); }},
-        {&_router, [this](wxblt::Socket*) { serveOne(); }},
-    });
+    // Every request waiting is served per wake-up, up to a bound that lets
+    // connection events through in between: one poll for many requests.
+    wxblt::InputSelector selector(
+        {
+            {&_connection_events, [this](wxblt::Socket*) { readConnectionEvents(); }},
+            {&_router, [this](wxblt::Socket*) { serveOne(); }},
+        },
+        kRequestsPerWakeUp);
     while (!stop.load()) {
         selector.run(std::chrono::milliseconds(100));
         logSummaries();
@@ -345,21 +352,29 @@ DevNode::Routes DevNode::receiveRoutes() {
 
 void DevNode::handleMessage(const std::string& sender, orvikm::Message& message) {
     _seen.see(message.appId(), std::chrono::system_clock::now());
-    const std::string id = printable(message.msgId());
-    answer(sender, message.generate_ack(), nullptr, kDelimiter, "acknowledgement of MSG " + id);
+    // The printable id is made only for a log line.
+    const auto id = [&message] { return printable(message.msgId()); };
+    answer(sender, message.generate_ack(), nullptr, kDelimiter,
+           [&id] { return "acknowledgement of MSG " + id(); });
     if (message.pushRoutes().empty()) {
         logLimited("unrouted|" + sender, "messages without push routes from " + printable(sender),
-                   "MSG " + id + " from " + printable(sender) +
+                   "MSG " + id() + " from " + printable(sender) +
                        " has no push routes: acknowledged and dropped");
         return;
     }
     // Each copy carries every route of the message; one copy per distinct
-    // route is what a subscriber of each needs.
+    // route is what a subscriber of each needs. One route, the usual case,
+    // needs no set to tell.
     std::vector<std::string_view> distinct;
-    std::unordered_set<std::string_view> seen;
-    for (const std::string& route : message.pushRoutes()) {
-        if (seen.insert(route).second) {
-            distinct.push_back(route);
+    distinct.reserve(message.pushRoutes().size());
+    if (message.pushRoutes().size() == 1) {
+        distinct.push_back(message.pushRoutes().front());
+    } else {
+        std::unordered_set<std::string_view> seen;
+        for (const std::string& route : message.pushRoutes()) {
+            if (seen.insert(route).second) {
+                distinct.push_back(route);
+            }
         }
     }
     const std::size_t bytes = message.payload().size();
@@ -367,8 +382,8 @@ void DevNode::handleMessage(const std::string& sender, orvikm::Message& message)
     if (_options.verbose) {
         const std::size_t count = message.pushRoutes().size();
         logLine(
-            "MSG " + id + " from " + printable(sender) + " (" + std::to_string(bytes) + " bytes, " +
-            std::to_string(count) + " routes" +
+            "MSG " + id() + " from " + printable(sender) + " (" + std::to_string(bytes) +
+            " bytes, " + std::to_string(count) + " routes" +
             (distinct.size() < count ? ", " + std::to_string(distinct.size()) + " distinct" : "") +
             ") acknowledged and published");
     }
@@ -395,7 +410,7 @@ void DevNode::answerRegistry(const std::string& sender) {
     // payload frame shares them with every other answer still queued.
     const orvikm::Registry registry(orvikm::Payload(
         const_cast<char*>(body->data()), static_cast<unsigned>(body->size()), "json", nullptr));
-    answer(sender, registry, body, *body, "registry");
+    answer(sender, registry, body, *body, [] { return std::string("registry"); });
 }
 
 // Answers are counted against the dealer until libzmq has passed them on
@@ -405,7 +420,7 @@ void DevNode::answerRegistry(const std::string& sender) {
 // a registry larger than the limit still goes to a dealer that reads.
 void DevNode::answer(const std::string& peerIdentity, const Request& request,
                      std::shared_ptr<const void> owner, std::string_view body,
-                     const std::string& what) {
+                     const std::function<std::string()>& what) {
     const std::string command = request.wireName();
     const std::vector<std::string> headers = headerFrames(request);
     std::vector<std::string_view> frames{peerIdentity, kDelimiter, command};
@@ -416,11 +431,11 @@ void DevNode::answer(const std::string& peerIdentity, const Request& request,
     const std::size_t cost = queuedCost(frames, body.size()) - peerIdentity.size() - kFrameCost;
     const std::size_t held = queued->bytes();
     if (held > 0 && held + cost > _options.peerQueueBytes) {
-        logLimited("answers|" + peerIdentity, "answers dropped for " + printable(peerIdentity),
-                   what + " for " + printable(peerIdentity) + " dropped: " + std::to_string(held) +
-                       " bytes of earlier answers are still waiting for it" +
-                       " (--peer-queue-bytes " + std::to_string(_options.peerQueueBytes) +
-                       "); it is not reading");
+        logLimited(
+            "answers|" + peerIdentity, "answers dropped for " + printable(peerIdentity),
+            what() + " for " + printable(peerIdentity) + " dropped: " + std::to_string(held) +
+                " bytes of earlier answers are still waiting for it" + " (--peer-queue-bytes " +
+                std::to_string(_options.peerQueueBytes) + "); it is not reading");
         return;
     }
     try {
@@ -430,14 +445,14 @@ void DevNode::answer(const std::string& peerIdentity, const Request& request,
         }
         logLimited("unreachable|" + peerIdentity,
                    "answers for " + printable(peerIdentity) + " without a connection",
-                   "cannot send " + what + " to " + printable(peerIdentity) +
+                   "cannot send " + what() + " to " + printable(peerIdentity) +
                        ": no connection has that identity");
     } catch (const wxblt::ZmqTermination&) {
         throw;
     } catch (const wxblt::Exception& error) {
         logLimited("unreachable|" + peerIdentity,
                    "answers for " + printable(peerIdentity) + " that failed",
-                   "cannot send " + what + " to " + printable(peerIdentity) + ": " +
+                   "cannot send " + what() + " to " + printable(peerIdentity) + ": " +
                        describeOnOneLine(error));
     }
 }
@@ -456,6 +471,7 @@ void DevNode::publish(const std::string& sender, orvikm::Message& message,
                       const std::vector<std::string_view>& routes) {
     const std::string command = message.wireName();
     std::vector<std::string> headers;
+    headers.reserve(8);
     message.visit_protocol_headers([&headers](std::string_view key, std::string_view value) {
         std::string frame(key);
         frame += Request::_hdr_sep;
@@ -469,7 +485,8 @@ void DevNode::publish(const std::string& sender, orvikm::Message& message,
     frames.insert(frames.end(), headers.begin(), headers.end());
     frames.push_back(kDelimiter);
 
-    const std::string id = printable(message.msgId());
+    // The printable id is made only for a log line.
+    const auto id = [&message] { return printable(message.msgId()); };
     const std::size_t bodySize = message.payload().size();
     std::size_t cost = bodySize + routes.size() * queuedCost(frames, 0);
     for (const std::string_view route : routes) {
@@ -477,12 +494,13 @@ void DevNode::publish(const std::string& sender, orvikm::Message& message,
     }
     const std::size_t held = _published->bytes();
     if (held > 0 && held + cost > _options.publishQueueBytes) {
-        logLimited(
-            "publish", "messages not published",
-            "MSG " + id + " from " + printable(sender) + " not published: " + std::to_string(held) +
-                " bytes of earlier messages are still waiting for subscribers "
-                "(--publish-queue-bytes " +
-                std::to_string(_options.publishQueueBytes) + "); a subscriber is not reading");
+        logLimited("publish", "messages not published",
+                   "MSG " + id() + " from " + printable(sender) +
+                       " not published: " + std::to_string(held) +
+                       " bytes of earlier messages are still waiting for subscribers "
+                       "(--publish-queue-bytes " +
+                       std::to_string(_options.publishQueueBytes) +
+                       "); a subscriber is not reading");
         return;
     }
     try {
@@ -500,7 +518,7 @@ void DevNode::publish(const std::string& sender, orvikm::Message& message,
                 continue;
             }
             logLimited("subscriber", "messages dropped for subscribers that are not reading",
-                       "MSG " + id + " on route " + printable(route) +
+                       "MSG " + id() + " on route " + printable(route) +
                            " dropped for a subscriber of that route: it has " +
                            std::to_string(_options.subscriberQueue) +
                            " messages waiting (--subscriber-queue); it is not reading and "
@@ -514,7 +532,7 @@ void DevNode::publish(const std::string& sender, orvikm::Message& message,
     } catch (const wxblt::Exception& error) {
         setLossless(true);
         logLimited("publish", "messages not published",
-                   "cannot publish MSG " + id + ": " + describeOnOneLine(error));
+                   "cannot publish MSG " + id() + ": " + describeOnOneLine(error));
     }
 }
 

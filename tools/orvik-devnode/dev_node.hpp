@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -95,8 +96,10 @@ private:
     Routes receiveRoutes();
     void handleMessage(const std::string& sender, orvikm::Message& message);
     void answerRegistry(const std::string& sender);
+    // `what` names the answer in a log line; it is called only for one.
     void answer(const std::string& peer, const orvikm::internal_objects::Request& request,
-                std::shared_ptr<const void> owner, std::string_view body, const std::string& what);
+                std::shared_ptr<const void> owner, std::string_view body,
+                const std::function<std::string()>& what);
     void publish(const std::string& sender, orvikm::Message& message,
                  const std::vector<std::string_view>& routes);
     void setLossless(bool lossless);
