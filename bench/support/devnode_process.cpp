@@ -77,8 +77,11 @@ DevNodeProcess::~DevNodeProcess() {
     }
 }
 
-double DevNodeProcess::cpuSeconds() const {
-    std::ifstream file("/proc/" + std::to_string(_pid) + "/stat");
+namespace {
+
+// utime + stime of a /proc/.../stat file, in seconds.
+double cpuSecondsOf(const std::string& path) {
+    std::ifstream file(path);
     std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     // The command name in parentheses may hold spaces: fields count from the
     // last closing parenthesis; utime and stime are fields 14 and 15.
@@ -99,6 +102,17 @@ double DevNodeProcess::cpuSeconds() const {
         }
     }
     return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+}  // namespace
+
+double DevNodeProcess::cpuSeconds() const {
+    const std::string pid = std::to_string(_pid);
+    return cpuSecondsOf("/proc/" + pid + "/task/" + pid + "/stat");
+}
+
+double DevNodeProcess::processCpuSeconds() const {
+    return cpuSecondsOf("/proc/" + std::to_string(_pid) + "/stat");
 }
 
 }  // namespace orvikbench

@@ -18,9 +18,12 @@ public:
 
     int listenerPort() const { return _listener_port; }
     int dispenserPort() const { return _dispenser_port; }
-    // User plus system time the node process has used so far, in seconds
-    // (the kernel counts it in clock ticks, 10 ms here).
+    // User plus system time the node's serving thread (its main thread) has
+    // used so far, in seconds (the kernel counts it in clock ticks, 10 ms
+    // here): comparable with BenchNode::cpuSeconds().
     double cpuSeconds() const;
+    // The same for the whole process, libzmq's I/O thread included.
+    double processCpuSeconds() const;
 
 private:
     int _pid = -1;
