@@ -50,6 +50,8 @@ public:
 
     /// The free callback; empty when the payload does not own its buffer.
     FreeCallback getFreeCallback() const { return _free_callback; }
+    /// Whether a free callback is set, without copying it.
+    bool hasFreeCallback() const noexcept { return static_cast<bool>(_free_callback); }
     ///@{
     /// The buffer; null once moved from.
     char* getBuffer() { return _buffer; }

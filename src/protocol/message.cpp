@@ -92,9 +92,15 @@ Message& Message::operator=(Message&& other) noexcept {
         return *this;
     }
     // A payload's move assignment leaves its old buffer alone; moved out
-    // first, the old payload frees it on leaving this scope.
-    const Payload overwritten(std::move(payload()));
-    PayloadRequest::operator=(std::move(other));
+    // first, the old payload frees it on leaving this scope. A moved-from
+    // message, which is what the queue's heap assigns to at every step, has
+    // neither buffer nor free callback: nothing to release.
+    if (payload().getBuffer() != nullptr || payload().hasFreeCallback()) {
+        const Payload overwritten(std::move(payload()));
+        PayloadRequest::operator=(std::move(other));
+    } else {
+        PayloadRequest::operator=(std::move(other));
+    }
     msg_id = std::move(other.msg_id);
     origin_nodes = std::move(other.origin_nodes);
     config = std::move(other.config);

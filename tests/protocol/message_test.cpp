@@ -429,6 +429,17 @@ TEST(MessageTest, MoveAssignmentOntoAMovedFromMessageReleasesNothing) {
     EXPECT_EQ(targetBuffer, addressOf(holder.payload()));
 }
 
+TEST(MessageTest, MoveAssignmentOntoAPayloadWithoutBufferStillCallsItsFreeCallback) {
+    FreeRecorder recorder;
+    Message source = messageWith(kValidFor, kAckMode);
+    Message target(orvikm::Payload(nullptr, 0, kType, recorder.callback()),
+                   configWith(kValidFor, kAckMode));
+
+    target = std::move(source);
+
+    EXPECT_EQ(std::vector<Address>{0}, recorder.freed());
+}
+
 TEST(MessageTest, SelfMoveAssignmentKeepsThePayload) {
     FreeRecorder recorder;
     Message message(payloadOf(kBody, kType, recorder.callback()), configWith(kValidFor, kAckMode));
