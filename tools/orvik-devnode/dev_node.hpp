@@ -37,7 +37,8 @@ struct DevNodeOptions {
     std::size_t maxApplications = 1024;
     int subscriberQueue = 10000;  // messages
     std::size_t publishQueueBytes = 64 * 1024 * 1024;
-    std::size_t peerQueueBytes = 32 * 1024 * 1024;
+    // Two registries of the largest size, and acknowledgements besides.
+    std::size_t peerQueueBytes = 48 * 1024 * 1024;
 };
 
 // A stand-in for the Orvik Node for local development: a PUB socket that

@@ -62,7 +62,8 @@ Limits (what one client can cost the node):
                           (default 67108864, 64 MiB)
   --peer-queue-bytes N    bytes of answers (acknowledgements, registries)
                           waiting for one client; beyond N further answers
-                          to it are dropped (default 33554432, 32 MiB)
+                          to it are dropped (default 50331648, 48 MiB:
+                          two registries of the largest default size)
 A client whose answers or messages wait is one that does not read: clients
 that read never reach these limits. The node reads at most 1000 requests
 ahead from one client; beyond that the client's connection waits, and
