@@ -144,6 +144,8 @@ DevNode::DevNode(DevNodeOptions options, std::ostream& log)
     // in silence, and publish() decides what follows.
     _publisher.setSendHighWaterMark(_options.subscriberQueue);
     setLossless(true);
+    // The node reads the router's frames with libzmq's own calls as well
+    // (receiveRoutes()), so the socket must not read ahead (setReadAhead()).
     // Answers are limited in bytes per dealer (answer()), not in number.
     _router.setSendHighWaterMark(0);
     _router.setReceiveHighWaterMark(kInboundQueue);
