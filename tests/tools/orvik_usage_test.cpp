@@ -144,7 +144,7 @@ void PrintTo(const SubcommandHelp& help, std::ostream* out) {
 
 class OrvikSubcommandHelpTest : public ::testing::TestWithParam<SubcommandHelp> {};
 
-TEST_P(OrvikSubcommandHelpTest, HelpNamesEveryOptionOfTheSubcommandAndSucceeds) {
+TEST_P(OrvikSubcommandHelpTest, HelpNamesEveryOptionOfTheSubcommandAndTheCommonOnes) {
     const Finished finished = runOrvik({GetParam().subcommand, "--help"}, kPortVariables);
 
     EXPECT_EQ(finished.status.code, 0);
@@ -153,6 +153,10 @@ TEST_P(OrvikSubcommandHelpTest, HelpNamesEveryOptionOfTheSubcommandAndSucceeds) 
         << finished.output;
     for (const std::string& option : GetParam().options) {
         EXPECT_NE(finished.output.find(option), std::string::npos) << option;
+    }
+    for (const char* common : {"--listener-port", "--dispenser-port", "ORVIK_LISTENER_PORT",
+                               "ORVIK_DISPENSER_PORT", "--app-id", "--timeout", "--verbose"}) {
+        EXPECT_NE(finished.output.find(common), std::string::npos) << common;
     }
 }
 

@@ -18,14 +18,16 @@ constexpr std::chrono::milliseconds kNoDeadline = std::chrono::hours(24 * 365 * 
 constexpr std::chrono::milliseconds kWatchInterval(20);
 constexpr std::chrono::milliseconds kTickInterval(250);
 
-// The client whose loop a signal ends, and whether one came. Only the
-// handler and the watcher thread use them.
+// The client whose loop a signal ends, and whether one came. The handler may
+// run on any thread, the watcher reads them on its own: lock-free atomics are
+// safe in a signal handler and between threads alike.
 std::atomic<orvikm::Client*> signalledClient{nullptr};
-volatile std::sig_atomic_t signalReceived = 0;
+std::atomic<bool> signalReceived{false};
 static_assert(std::atomic<orvikm::Client*>::is_always_lock_free);
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 extern "C" void onStopSignal(int) {
-    signalReceived = 1;
+    signalReceived.store(true);
     if (orvikm::Client* client = signalledClient.load()) {
         client->terminate();
     }
@@ -88,7 +90,7 @@ std::unique_ptr<orvikm::Client> makeClient(const Common& common,
 LoopStopper::LoopStopper(orvikm::Client& client, const Deadline& deadline,
                          std::function<void()> tick)
     : _client(client), _deadline(deadline), _tick(std::move(tick)) {
-    signalReceived = 0;
+    signalReceived.store(false);
     signalledClient.store(&client);
     // SA_RESETHAND: a second Ctrl-C ends the program at once, should the
     // loop not come round to the first.
@@ -108,7 +110,7 @@ LoopStopper::~LoopStopper() {
 }
 
 LoopStopper::Reason LoopStopper::reason() const {
-    if (signalReceived != 0) {
+    if (signalReceived.load()) {
         return Reason::Interrupted;
     }
     return _deadline.passed() ? Reason::Deadline : Reason::None;

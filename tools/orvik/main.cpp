@@ -46,6 +46,21 @@ Exit status:
 
 Each subcommand has its own help: orvik SUBCOMMAND --help)";
 
+// Follows each subcommand's own help, which lists only its own options.
+const char* const kCommonOptions = R"(
+
+Common options, before or after the subcommand (orvik --help says more):
+  -l,--listener-port PORT, -d,--dispenser-port PORT
+                  the node's ports (default: ORVIK_LISTENER_PORT and
+                  ORVIK_DISPENSER_PORT from the environment)
+  --app-id ID     the application id (default orvik-<pid>)
+  --timeout SECONDS
+                  the overall deadline (default 10; 0: none)
+  -v,--verbose    say on standard error what is going on
+
+Exit status: 0 the work was done, 1 it failed (one line on standard error
+says why), 2 the command line was wrong)";
+
 void defineCommonOptions(CLI::App& app, orvik::Common& common) {
     app.add_option("-l,--listener-port", common.listenerPort,
                    "The node's listener port, where it publishes messages")
@@ -104,6 +119,7 @@ int main(int argc, char** argv) {
         subcommand->set_help_flag("-h,--help", "Print this help and exit");
         commands.push_back(entry.make());
         commands.back()->define(*subcommand);
+        subcommand->footer(subcommand->get_footer() + kCommonOptions);
         subcommands.push_back(subcommand);
     }
 
