@@ -7,23 +7,6 @@
 
 namespace stresstest {
 
-std::optional<long> residentKb(pid_t pid) {
-    const std::string path =
-        pid == 0 ? "/proc/self/status" : "/proc/" + std::to_string(pid) + "/status";
-    std::ifstream status(path);
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            std::istringstream fields(line.substr(6));
-            long kb = 0;
-            if (fields >> kb) {
-                return kb;
-            }
-        }
-    }
-    return std::nullopt;
-}
-
 long RssSeries::firstKb() const {
     return samplesKb.empty() ? 0 : samplesKb.front();
 }

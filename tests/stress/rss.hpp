@@ -10,11 +10,11 @@
 #include <thread>
 #include <vector>
 
+#include "support/resident_memory.hpp"
+
 namespace stresstest {
 
-// The resident set size of a process in KiB, from /proc/PID/status (PID 0:
-// this process); nothing once the process has ended.
-std::optional<long> residentKb(pid_t pid = 0);
+using testsupport::residentKb;
 
 // Resident set sizes of one process over time.
 struct RssSeries {

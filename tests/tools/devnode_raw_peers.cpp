@@ -16,21 +16,6 @@ constexpr int kSendLimitMs = 10000;
 
 }  // namespace
 
-std::optional<long> residentKb(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            std::istringstream fields(line.substr(6));
-            long kb = 0;
-            if (fields >> kb) {
-                return kb;
-            }
-        }
-    }
-    return std::nullopt;
-}
-
 std::unique_ptr<RawPeer> connectDealer(int dispenserPort, const std::string& identity) {
     auto dealer = std::make_unique<RawPeer>(ZMQ_DEALER);
     dealer->setIntOption(ZMQ_SNDTIMEO, kSendLimitMs);

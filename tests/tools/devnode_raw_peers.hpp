@@ -11,6 +11,7 @@
 
 #include "support/program_process.hpp"
 #include "support/raw_peer.hpp"
+#include "support/resident_memory.hpp"
 #include "support/test_node.hpp"
 
 // Helpers of the tests that drive orvik-devnode with raw libzmq peers, which
@@ -38,9 +39,7 @@ constexpr bool kMemoryCanBeMeasured = !kBuiltWithSanitizer;
 using testsupport::Frame;
 using testsupport::RawPeer;
 
-// The resident set size of a process in KiB, from /proc/PID/status; nothing
-// once the process has ended.
-std::optional<long> residentKb(pid_t pid);
+using testsupport::residentKb;
 
 // A DEALER connected to the dispenser port, with `identity` when it is not
 // empty. A send that finds its queue full fails after 10 s (RawPeer throws).
