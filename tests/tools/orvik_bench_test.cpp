@@ -1,6 +1,7 @@
 // orvik bench against orvik-devnode, with a small count.
 #include <zmq.h>
 
+#include <csignal>
 #include <regex>
 #include <string>
 
@@ -63,6 +64,49 @@ TEST_F(OrvikTest, BenchTextReportsRatesAndLatenciesInThreeLines) {
         << bench.lines[2];
     // Standard error is no terminal here: no progress line.
     EXPECT_EQ(bench.error, "");
+}
+
+// More than any test waits for: only a signal ends such a run.
+const std::string kEndless = "10000000";
+
+TEST_F(OrvikTest, CtrlCDuringALongRunPrintsWhatWasMeasuredAndFails) {
+    OrvikCommand bench(withPorts({"bench", "-n", kEndless, "--window", "1000", "--timeout", "0"}));
+    ASSERT_TRUE(node().waitForLine("acknowledged and published", kEventLimit));
+
+    bench.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = bench.waitForExit(kEventLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik bench did not end after Ctrl-C";
+    ASSERT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 1);
+    const std::vector<std::string> lines = bench.outputLines();
+    ASSERT_EQ(lines.size(), 3u) << bench.standardOutput();
+    std::smatch measured;
+    ASSERT_TRUE(std::regex_match(
+        lines[0], measured,
+        std::regex(R"(acknowledged (\d+) of )" + kEndless + R"( messages of 100 bytes in .*)")))
+        << lines[0];
+    // Standard error is a pipe: the one line that says why, and no progress.
+    EXPECT_EQ(bench.standardError(), "orvik bench: interrupted (acknowledged " + measured[1].str() +
+                                         " of " + kEndless + ")\n");
+}
+
+TEST_F(OrvikTest, ProgressLineGoesToStandardErrorWhenItIsATerminal) {
+    OrvikCommand bench(withPorts({"bench", "-n", kEndless, "--window", "1000", "--timeout", "0"}),
+                       {}, OrvikStreams{std::nullopt, false, true});
+    const bool progressed = bench.waitForErrorText(" of " + kEndless, kEventLimit);
+    bench.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = bench.waitForExit(kEventLimit);
+
+    ASSERT_TRUE(progressed) << bench.standardError();
+    const std::string terminal = bench.standardError();
+    EXPECT_TRUE(std::regex_search(
+        terminal, std::regex("\\rsent \\d+, acknowledged \\d+ of " + kEndless + "(\\r|$)")))
+        << terminal;
+    ASSERT_TRUE(status.has_value()) << "orvik bench did not end after Ctrl-C";
+    EXPECT_EQ(status->code, 1);
+    EXPECT_NE(terminal.find("orvik bench: interrupted (acknowledged "), std::string::npos)
+        << terminal;
 }
 
 TEST(OrvikBenchAloneTest, UnacknowledgedMessagesFailAtTheDeadlineWithWhatWasMeasured) {

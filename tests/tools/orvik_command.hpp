@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -26,6 +27,19 @@ namespace orviktest {
 
 using testsupport::ExitStatus;
 
+// What the child's standard input and standard error are.
+struct OrvikStreams {
+    // Written to standard input from a thread of the test; without it
+    // standard input is /dev/null.
+    std::optional<std::string> input;
+    // Standard input stays open after `input` until the command is destroyed,
+    // as when a person has not finished typing.
+    bool inputStaysOpen = false;
+    // Standard error is a pseudo-terminal instead of a pipe; the test reads it
+    // all the same (its line ends come as "\r\n").
+    bool errorOnTerminal = false;
+};
+
 // The orvik program running as a child of the test, with an environment and
 // standard input of the test's choosing. The ORVIK_* port variables of the
 // test's own environment are never passed on: only those in `environment`
@@ -35,7 +49,10 @@ class OrvikCommand {
 public:
     OrvikCommand(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment = {},
-                 std::optional<std::string> input = std::nullopt);
+                 std::optional<std::string> input = std::nullopt)
+        : OrvikCommand(arguments, environment, OrvikStreams{std::move(input)}) {}
+    OrvikCommand(const std::vector<std::string>& arguments,
+                 const std::vector<std::string>& environment, OrvikStreams streams);
     OrvikCommand(const OrvikCommand&) = delete;
     OrvikCommand& operator=(const OrvikCommand&) = delete;
     ~OrvikCommand();
@@ -46,6 +63,8 @@ public:
     // none came within `timeout`.
     std::optional<std::string> waitForLine(const std::string& fragment,
                                            std::chrono::milliseconds timeout);
+    // Whether standard error contains `fragment` within `timeout`.
+    bool waitForErrorText(const std::string& fragment, std::chrono::milliseconds timeout);
     std::vector<std::string> outputLines() const;
     std::string standardOutput() const;
     std::string standardError() const;
@@ -68,12 +87,26 @@ private:
     bool _output_closed = false;
     std::thread _reader;
     std::thread _writer;
+    int _open_input = -1;  // the test's end of an input that stays open
 };
+
+// A pseudo-terminal: the test's end and the end for the child, both
+// close-on-exec; false when none can be had.
+inline bool openTerminal(int& testEnd, int& childEnd) {
+    testEnd = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (testEnd < 0 || grantpt(testEnd) != 0 || unlockpt(testEnd) != 0) {
+        return false;
+    }
+    const char* name = ptsname(testEnd);
+    childEnd = name == nullptr ? -1 : open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    return childEnd >= 0;
+}
 
 inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
                                   const std::vector<std::string>& environment,
-                                  std::optional<std::string> input) {
+                                  OrvikStreams streams) {
     using testsupport::program_process_detail::closeQuietly;
+    std::optional<std::string>& input = streams.input;
     std::vector<std::string> words{ORVIK_PATH};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -107,11 +140,11 @@ inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
     int out[2] = {-1, -1};
     int err[2] = {-1, -1};
     if ((input && pipe2(in, O_CLOEXEC) != 0) || pipe2(out, O_CLOEXEC) != 0 ||
-        pipe2(err, O_CLOEXEC) != 0) {
-        for (int* fd : {&in[0], &in[1], &out[0], &out[1]}) {
+        (streams.errorOnTerminal ? !openTerminal(err[0], err[1]) : pipe2(err, O_CLOEXEC) != 0)) {
+        for (int* fd : {&in[0], &in[1], &out[0], &out[1], &err[0], &err[1]}) {
             closeQuietly(*fd);
         }
-        throw std::runtime_error("pipe2 failed");
+        throw std::runtime_error(streams.errorOnTerminal ? "no pseudo-terminal" : "pipe2 failed");
     }
     const pid_t parent = getpid();
     _pid = fork();
@@ -149,20 +182,26 @@ inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
         // cannot block the test; a child that ended without reading ends the
         // writing with EPIPE instead of a SIGPIPE for the test.
         std::signal(SIGPIPE, SIG_IGN);
-        _writer = std::thread([fd = in[1], bytes = std::move(*input)] {
-            std::size_t done = 0;
-            while (done < bytes.size()) {
-                const ssize_t wrote = ::write(fd, bytes.data() + done, bytes.size() - done);
-                if (wrote < 0 && errno == EINTR) {
-                    continue;
+        if (streams.inputStaysOpen) {
+            _open_input = in[1];
+        }
+        _writer = std::thread(
+            [fd = in[1], bytes = std::move(*input), closeAfter = !streams.inputStaysOpen] {
+                std::size_t done = 0;
+                while (done < bytes.size()) {
+                    const ssize_t wrote = ::write(fd, bytes.data() + done, bytes.size() - done);
+                    if (wrote < 0 && errno == EINTR) {
+                        continue;
+                    }
+                    if (wrote <= 0) {
+                        break;
+                    }
+                    done += static_cast<std::size_t>(wrote);
                 }
-                if (wrote <= 0) {
-                    break;
+                if (closeAfter) {
+                    ::close(fd);
                 }
-                done += static_cast<std::size_t>(wrote);
-            }
-            ::close(fd);
-        });
+            });
     }
 }
 
@@ -179,6 +218,9 @@ inline OrvikCommand::~OrvikCommand() {
     }
     if (_reader.joinable()) {
         _reader.join();
+    }
+    if (_open_input >= 0) {
+        ::close(_open_input);
     }
 }
 
@@ -238,6 +280,14 @@ inline std::optional<std::string> OrvikCommand::waitForLine(const std::string& f
         return _output_closed;
     });
     return found;
+}
+
+inline bool OrvikCommand::waitForErrorText(const std::string& fragment,
+                                           std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(_mutex);
+    return _output_changed.wait_for(lock, timeout, [&] {
+        return _error.find(fragment) != std::string::npos || _output_closed;
+    }) && _error.find(fragment) != std::string::npos;
 }
 
 inline std::vector<std::string> OrvikCommand::outputLines() const {

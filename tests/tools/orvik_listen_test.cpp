@@ -1,5 +1,6 @@
 // orvik listen against orvik-devnode, with messages sent by orvik send.
 #include <csignal>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -161,6 +162,34 @@ TEST_F(OrvikListenTest, CtrlCBeforeTheCountIsReachedFails) {
               std::string::npos)
         << listener->standardError();
 }
+
+// Ends listening without a count by `signal`; the lines printed and the
+// number in the summary on standard error agree.
+class OrvikListenStopTest : public OrvikListenTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(OrvikListenStopTest, WithoutACountASignalEndsWithSuccessAndSaysHowManyCame) {
+    auto listener = startListening({});
+    const std::string id = send({"hello"});
+    ASSERT_TRUE(listener->waitForLine(id, kEventLimit));
+
+    listener->sendSignal(GetParam());
+    const std::optional<ExitStatus> status = listener->waitForExit(kEventLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik listen did not end after the signal";
+    ASSERT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 0) << listener->standardError();
+    std::smatch summary;
+    const std::string error = listener->standardError();
+    ASSERT_TRUE(std::regex_match(error, summary,
+                                 std::regex("orvik listen: interrupted \\(received (\\d+)\\)\n")))
+        << error;
+    EXPECT_EQ(summary[1], std::to_string(listener->outputLines().size()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, OrvikListenStopTest, ::testing::Values(SIGINT, SIGTERM),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                             return std::string(info.param == SIGTERM ? "Sigterm" : "Sigint");
+                         });
 
 TEST(OrvikListenAloneTest, AbsentNodeFailsWithinTheDeadline) {
     const testsupport::ReservedPort listenerPort;

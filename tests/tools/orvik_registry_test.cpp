@@ -93,6 +93,21 @@ TEST_F(OrvikRegistryFileTest, CtrlCBeforeTheCountIsReachedFails) {
     EXPECT_EQ(watcher.standardError(), "orvik registry: interrupted (fetched 1 of 2)\n");
 }
 
+TEST_F(OrvikRegistryFileTest, CtrlCWhileWatchingWithoutACountEndsWithSuccessAndSaysHowManyCame) {
+    startWithRegistry(kRegistry);
+    OrvikCommand watcher(withPorts({"registry", "--watch", "60", "--timeout", "0"}));
+    ASSERT_TRUE(watcher.waitForLine("applications", kEventLimit));
+
+    watcher.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = watcher.waitForExit(kEventLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik registry did not end after Ctrl-C";
+    ASSERT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 0);
+    EXPECT_EQ(watcher.standardOutput(), kRegistry + "\n");
+    EXPECT_EQ(watcher.standardError(), "orvik registry: interrupted (fetched 1)\n");
+}
+
 TEST_F(OrvikTest, DefaultRegistryListsTheApplicationsTheNodeHasSeen) {
     ASSERT_EQ(runOrvik(withPorts({"--app-id", "seen-before", "send", "x"})).status.code, 0);
 

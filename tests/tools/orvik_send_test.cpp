@@ -23,6 +23,8 @@ const std::string kSentNone = "sent 0, acknowledged 0";
 const std::string kRoute = "news";
 const std::string kNotAvailable = "Orvik Node is not available";
 const std::string kBinary("\xff\x00\x01payload\n\x80", 12);
+const std::string kReadingInput = "orvik send: reading the payload from standard input";
+const std::string kReadingInterrupted = "interrupted while reading standard input (nothing sent)";
 
 // A library client subscribed to kRoute whose messages go to inbox(), and
 // through which the subscription is known to have reached the node.
@@ -235,6 +237,24 @@ private:
 std::vector<std::string> concat(std::vector<std::string> a, const std::vector<std::string>& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
+}
+
+TEST_F(OrvikTest, CtrlCWhileStandardInputIsStillOpenEndsWithTheSummaryAndSendsNothing) {
+    OrvikCommand command(withPorts({"send", "-v", "--timeout", "0", "-r", kRoute, "-"}), {},
+                         OrvikStreams{std::string("half a payl"), true});
+    ASSERT_TRUE(command.waitForErrorText(kReadingInput, kEventLimit)) << command.standardError();
+
+    command.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = command.waitForExit(kEventLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik send did not end after Ctrl-C";
+    ASSERT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 1);
+    EXPECT_EQ(command.outputLines(), std::vector<std::string>{kSentNone});
+    EXPECT_NE(command.standardError().find("orvik send: " + kReadingInterrupted + "\n"),
+              std::string::npos)
+        << command.standardError();
+    EXPECT_EQ(logLinesContaining("acknowledged and published"), 0u);
 }
 
 TEST(OrvikSendAloneTest, MissingAcknowledgementFailsAtTheDeadlineSayingWhatIsLeft) {

@@ -1,5 +1,6 @@
 #include "common.hpp"
 
+#include <cerrno>
 #include <csignal>
 #include <iostream>
 #include <utility>
@@ -18,31 +19,46 @@ constexpr std::chrono::milliseconds kNoDeadline = std::chrono::hours(24 * 365 * 
 constexpr std::chrono::milliseconds kWatchInterval(20);
 constexpr std::chrono::milliseconds kTickInterval(250);
 
-// The client whose loop a signal ends, and whether one came. The handler may
-// run on any thread, the watcher reads them on its own: lock-free atomics are
-// safe in a signal handler and between threads alike.
+// The client whose loop a signal ends, whether a signal came, and how many
+// handlers are running now. The handler may run on any thread, the watcher
+// and the stopper read them on theirs: lock-free atomics are safe in a signal
+// handler and between threads alike.
 std::atomic<orvikm::Client*> signalledClient{nullptr};
 std::atomic<bool> signalReceived{false};
+std::atomic<int> handlersRunning{0};
 static_assert(std::atomic<orvikm::Client*>::is_always_lock_free);
 static_assert(std::atomic<bool>::is_always_lock_free);
+static_assert(std::atomic<int>::is_always_lock_free);
 
 extern "C" void onStopSignal(int) {
+    const int savedErrno = errno;
+    ++handlersRunning;
     signalReceived.store(true);
     if (orvikm::Client* client = signalledClient.load()) {
         client->terminate();
     }
+    --handlersRunning;
+    errno = savedErrno;
 }
 
-void installStopHandler(void (*handler)(int), int flags) {
+}  // namespace
+
+void installStopHandler() {
     struct sigaction action {};
-    action.sa_handler = handler;
-    action.sa_flags = flags;
+    action.sa_handler = onStopSignal;
+    // SA_RESETHAND: a second Ctrl-C ends the program at once. SA_RESTART: a
+    // write to standard output is not cut short; the waits that must notice
+    // the signal (the client's poll, the read of standard input) poll with a
+    // timeout and look at the flag.
+    action.sa_flags = SA_RESETHAND | SA_RESTART;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
 
-}  // namespace
+bool stopRequested() {
+    return signalReceived.load();
+}
 
 Deadline::Deadline(double seconds)
     : _bounded(seconds > 0),
@@ -90,11 +106,7 @@ std::unique_ptr<orvikm::Client> makeClient(const Common& common,
 LoopStopper::LoopStopper(orvikm::Client& client, const Deadline& deadline,
                          std::function<void()> tick)
     : _client(client), _deadline(deadline), _tick(std::move(tick)) {
-    signalReceived.store(false);
     signalledClient.store(&client);
-    // SA_RESETHAND: a second Ctrl-C ends the program at once, should the
-    // loop not come round to the first.
-    installStopHandler(onStopSignal, SA_RESETHAND);
     _watcher = std::thread(&LoopStopper::watch, this);
 }
 
@@ -105,12 +117,16 @@ LoopStopper::~LoopStopper() {
     }
     _done_changed.notify_all();
     _watcher.join();
-    installStopHandler(SIG_DFL, 0);
+    // A handler that has already read the client, on another thread, finishes
+    // its terminate() before the client may go.
     signalledClient.store(nullptr);
+    while (handlersRunning.load() > 0) {
+        std::this_thread::yield();
+    }
 }
 
 LoopStopper::Reason LoopStopper::reason() const {
-    if (signalReceived.load()) {
+    if (stopRequested()) {
         return Reason::Interrupted;
     }
     return _deadline.passed() ? Reason::Deadline : Reason::None;

@@ -76,13 +76,22 @@ std::unique_ptr<orvikm::Client> makeClient(const Common& common,
                                            std::vector<std::string> subscriptions,
                                            orvikm::Client::Options options = {});
 
+// Ctrl-C (SIGINT) and SIGTERM for the whole run. main() installs the handler
+// once, before anything else: the first such signal only records that a stop
+// was asked for (and ends the loop a LoopStopper watches), so every step of a
+// run can stop cleanly, print its summary and exit; a second one has its
+// default effect, should a step not come round to the first.
+void installStopHandler();
+// Whether SIGINT or SIGTERM has come. Safe on any thread.
+bool stopRequested();
+
 // Ends the client's I/O loop (blockThreadForIO or flush) when the deadline
 // passes or on SIGINT or SIGTERM, and says which it was. While it lives the
-// first such signal calls client.terminate() from the handler (which is
-// async-signal-safe) and a second one has its default effect. A terminate()
-// that arrives while no loop runs is forgotten by the next loop, so a watcher
-// thread repeats it every few milliseconds until the stopper is destroyed.
-// `tick`, when given, is called from the watcher thread about every 250 ms.
+// signal handler calls client.terminate() (which is async-signal-safe). A
+// terminate() that arrives while no loop runs, or a signal that came before
+// the stopper, is forgotten by the next loop, so a watcher thread repeats it
+// every few milliseconds until the stopper is destroyed. `tick`, when given,
+// is called from the watcher thread about every 250 ms.
 class LoopStopper {
 public:
     enum class Reason { None, Deadline, Interrupted };

@@ -38,7 +38,10 @@ null) and body_base64 (the payload in base64, always).
 
 Without -n, orvik listen prints messages until the deadline (--timeout; 0 for
 none) or Ctrl-C, and exits 0. With -n it exits 0 after COUNT messages, and 1
-when the deadline or Ctrl-C comes first.
+when the deadline or Ctrl-C comes first. After Ctrl-C one line on standard
+error says how many messages it received:
+  orvik listen: interrupted (received N)      or, with -n,
+  orvik listen: interrupted (received N of COUNT)
 
 Example: orvik listen -l 5555 -d 5556 -s news --format json --timeout 0)";
 
@@ -96,10 +99,12 @@ public:
         });
 
         std::string error;
+        LoopStopper::Reason stopped = LoopStopper::Reason::None;
         {
             const LoopStopper stopper(*client, deadline);
             client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
                                      kLoopTimeout);
+            stopped = stopper.reason();
             if (error.empty() && counted && received < _count) {
                 error = stopper.describe();
             }
@@ -107,11 +112,14 @@ public:
         if (common.verbose) {
             std::cerr << "orvik listen: received " << received << " messages" << std::endl;
         }
+        const std::string tally = "received " + std::to_string(received) +
+                                  (counted ? " of " + std::to_string(_count) : "");
         if (!error.empty()) {
-            reportFailure("listen", error + (counted ? " (received " + std::to_string(received) +
-                                                           " of " + std::to_string(_count) + ")"
-                                                     : ""));
+            reportFailure("listen", error + (counted ? " (" + tally + ")" : ""));
             return kFailure;
+        }
+        if (stopped == LoopStopper::Reason::Interrupted) {
+            reportFailure("listen", "interrupted (" + tally + ")");
         }
         return kSuccess;
     }

@@ -96,6 +96,8 @@ void defineCommonOptions(CLI::App& app, orvik::Common& common) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // First of all, so that Ctrl-C at any point ends the run cleanly.
+    orvik::installStopHandler();
     orvik::Common common;
     CLI::App app(
         "orvik: send, listen, fetch the registry and measure through the Orvik Node "

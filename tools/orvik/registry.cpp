@@ -23,7 +23,9 @@ it is printed. With --watch SECONDS it fetches it every SECONDS: COUNT times
 with -n (exit 0 once all are printed), otherwise until the deadline
 (--timeout; 0 for none) or Ctrl-C (exit 0). It exits 1 when the node cannot
 be reached, or when the deadline or Ctrl-C comes before the registries
-wanted.
+wanted. After Ctrl-C one line on standard error says how many it fetched:
+  orvik registry: interrupted (fetched N)      or, with -n,
+  orvik registry: interrupted (fetched N of COUNT)
 
 raw prints each registry's bytes as they are, json pretty-prints a registry
 that is JSON (and prints any other as raw does); a newline follows each
@@ -76,10 +78,12 @@ public:
             interval);
 
         std::string error;
+        LoopStopper::Reason stopped = LoopStopper::Reason::None;
         {
             const LoopStopper stopper(*client, deadline);
             client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
                                      kLoopTimeout);
+            stopped = stopper.reason();
             if (error.empty() && counted && fetched < wanted) {
                 error = stopper.describe();
             }
@@ -87,10 +91,14 @@ public:
         if (common.verbose) {
             std::cerr << "orvik registry: fetched " << fetched << " registries" << std::endl;
         }
+        const std::string tally =
+            "fetched " + std::to_string(fetched) + (counted ? " of " + std::to_string(wanted) : "");
         if (!error.empty()) {
-            reportFailure("registry", error + " (fetched " + std::to_string(fetched) +
-                                          (counted ? " of " + std::to_string(wanted) : "") + ")");
+            reportFailure("registry", error + " (" + tally + ")");
             return kFailure;
+        }
+        if (stopped == LoopStopper::Reason::Interrupted) {
+            reportFailure("registry", "interrupted (" + tally + ")");
         }
         return kSuccess;
     }

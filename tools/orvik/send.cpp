@@ -1,5 +1,8 @@
 // orvik send: queues messages with send(), then lends the main thread to the
 // client with flush() until every message is written and acknowledged.
+#include <poll.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -9,6 +12,7 @@
 #include <iterator>
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +26,9 @@
 namespace orvik {
 
 namespace {
+
+constexpr std::size_t kReadSize = 64 * 1024;
+constexpr std::chrono::milliseconds kInputPoll(20);
 
 const std::map<std::string, orvikm::Message::AckMode> kAckModes{
     {"node", orvikm::Message::AckMode::ByNode},
@@ -38,7 +45,10 @@ orvik send waits until the node has acknowledged every message (with
 --ack none: until every message is written), at most until the deadline
 (--timeout). Its last line on standard output is "sent N, acknowledged M":
 N messages written to the node, M acknowledged. It exits 1 when a message
-is left unwritten or unacknowledged, or the node cannot be reached.
+is left unwritten or unacknowledged, or the node cannot be reached. Ctrl-C
+stops it at any point, while it reads standard input too: it prints that
+line for what was done so far and exits 1 unless every message was already
+acknowledged.
 
 Example: orvik send -l 5555 -d 5556 -r news "hello")";
 
@@ -75,7 +85,13 @@ public:
 
     int run(const Common& common) override {
         const Deadline deadline(common.timeoutSeconds);
-        const std::string body = payloadBytes();
+        const std::optional<std::string> read = payloadBytes(common.verbose);
+        if (!read) {
+            std::cout << output::sendSummary(0, 0) << std::endl;
+            reportFailure("send", "interrupted while reading standard input (nothing sent)");
+            return kFailure;
+        }
+        const std::string& body = *read;
         const orvikm::Message::AckMode ackMode = kAckModes.at(_ack);
         const bool acknowledged = ackMode != orvikm::Message::AckMode::Unacknowledged;
         std::unique_ptr<orvikm::Client> client = makeClient(common, {});
@@ -123,7 +139,8 @@ public:
     }
 
 private:
-    std::string payloadBytes() const {
+    // The payload; nothing when Ctrl-C came while standard input was read.
+    std::optional<std::string> payloadBytes(bool verbose) const {
         std::string bytes;
         if (!_file.empty()) {
             std::ifstream in(_file, std::ios::binary);
@@ -135,8 +152,14 @@ private:
                                      CLI::ExitCodes::FileError);
             }
         } else if (_data == "-") {
-            bytes.assign(std::istreambuf_iterator<char>(std::cin),
-                         std::istreambuf_iterator<char>());
+            if (verbose) {
+                std::cerr << "orvik send: reading the payload from standard input" << std::endl;
+            }
+            std::optional<std::string> input = readStandardInput();
+            if (!input) {
+                return std::nullopt;
+            }
+            bytes = std::move(*input);
         } else if (_dataOption->count() > 0) {
             bytes = _data;
         } else {
@@ -148,6 +171,35 @@ private:
                                        " bytes");
         }
         return bytes;
+    }
+
+    // Standard input up to its end; nothing when Ctrl-C comes first. The wait
+    // for input has a timeout, so that a signal handled on another thread is
+    // seen as well.
+    static std::optional<std::string> readStandardInput() {
+        std::string bytes;
+        std::vector<char> buffer(kReadSize);
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        while (!stopRequested()) {
+            const int ready = ::poll(&input, 1, static_cast<int>(kInputPoll.count()));
+            if (ready == 0 || (ready < 0 && errno == EINTR)) {
+                continue;
+            }
+            const ssize_t got = ready < 0 ? -1 : ::read(STDIN_FILENO, buffer.data(), buffer.size());
+            if (got == 0) {
+                return bytes;
+            }
+            if (got < 0) {
+                if (errno == EINTR || errno == EAGAIN) {
+                    continue;
+                }
+                throw CLI::FileError(
+                    std::string("cannot read standard input: ") + std::strerror(errno),
+                    CLI::ExitCodes::FileError);
+            }
+            bytes.append(buffer.data(), static_cast<std::size_t>(got));
+        }
+        return std::nullopt;
     }
 
     // Builds the message itself rather than letting send() build it, so that
