@@ -2,6 +2,7 @@
 #include <csignal>
 #include <optional>
 #include <ostream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,36 @@ TEST(DevNodeCommandLineTest, HelpPrintsUsageAndExitsWithZero) {
     EXPECT_EQ(node.standardError(), "");
 }
 
+// Everything the command line accepts, and what a person needs besides: the
+// address the node listens on and how many clients it keeps a record of.
+const std::vector<std::string> kHelpMentions{"--listener-port",
+                                             "--dispenser-port",
+                                             "--registry FILE",
+                                             "--verbose",
+                                             "--help",
+                                             "--max-routes N",
+                                             "--max-registry-bytes N",
+                                             "--max-applications N",
+                                             "--subscriber-queue N",
+                                             "--publish-queue-bytes N",
+                                             "--peer-queue-bytes N",
+                                             "127.0.0.1",
+                                             "the last 4096 clients"};
+
+TEST(DevNodeCommandLineTest, HelpNamesEveryOptionTheAddressAndTheClientsRemembered) {
+    DevNodeProcess node({"--help"});
+
+    const std::optional<ExitStatus> status = node.waitForExit(kExitLimit);
+
+    ASSERT_TRUE(status.has_value());
+    const std::string usage = node.standardOutput();
+    // The usage wraps its lines; the options are never split across two.
+    std::string joined = std::regex_replace(usage, std::regex("\\s+"), " ");
+    for (const std::string& mention : kHelpMentions) {
+        EXPECT_NE(joined.find(mention), std::string::npos) << "--help does not say " << mention;
+    }
+}
+
 struct BadArguments {
     std::string name;
     std::vector<std::string> arguments;
@@ -75,6 +106,64 @@ INSTANTIATE_TEST_SUITE_P(
                       BadArguments{"PortBeyondInt", {"--listener-port", "99999999999"}},
                       BadArguments{"RegistryWithoutFile", {"--registry"}}),
     [](const ::testing::TestParamInfo<BadArguments>& info) { return info.param.name; });
+
+// A limit given a value it does not take: the first line of standard error
+// names the value and the range.
+struct BadLimit {
+    std::string name;
+    std::vector<std::string> arguments;
+    std::string firstLine;
+};
+
+void PrintTo(const BadLimit& bad, std::ostream* out) {
+    *out << bad.name;
+}
+
+class DevNodeBadLimitTest : public ::testing::TestWithParam<BadLimit> {};
+
+TEST_P(DevNodeBadLimitTest, ExitWithStatusTwoNamingTheValue) {
+    DevNodeProcess node(GetParam().arguments);
+
+    const std::optional<ExitStatus> status = node.waitForExit(kExitLimit);
+
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, kBadArgumentsStatus);
+    const std::string error = node.standardError();
+    EXPECT_EQ(error.substr(0, error.find('\n')), GetParam().firstLine) << error;
+    EXPECT_NE(error.find(kUsageStart), std::string::npos) << error;
+    EXPECT_EQ(node.standardOutput(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, DevNodeBadLimitTest,
+    ::testing::Values(
+        BadLimit{"RoutesThatAreNoNumber",
+                 {"--max-routes", "many"},
+                 "orvik-devnode: bad arguments (many)"},
+        BadLimit{"NegativeRoutes", {"--max-routes", "-1"}, "orvik-devnode: bad arguments (-1)"},
+        BadLimit{"RoutesAboveRange",
+                 {"--max-routes", "100000001"},
+                 "orvik-devnode: bad arguments (100000001 is not between 0 and 100000000)"},
+        BadLimit{"RegistryBytesAboveRange",
+                 {"--max-registry-bytes", "1073741825"},
+                 "orvik-devnode: bad arguments (1073741825 is not between 0 and 1073741824)"},
+        BadLimit{"NoApplications",
+                 {"--max-applications", "0"},
+                 "orvik-devnode: bad arguments (0 is not between 1 and 100000000)"},
+        BadLimit{"EmptySubscriberQueue",
+                 {"--subscriber-queue", "0"},
+                 "orvik-devnode: bad arguments (0 is not between 1 and 100000000)"},
+        BadLimit{"PublishQueueWithUnit",
+                 {"--publish-queue-bytes", "64M"},
+                 "orvik-devnode: bad arguments (64M)"},
+        BadLimit{"PeerQueueAboveRange",
+                 {"--peer-queue-bytes", "1099511627777"},
+                 "orvik-devnode: bad arguments (1099511627777 is not between 1 and 1099511627776)"},
+        BadLimit{"LimitWithoutValue",
+                 {"--max-registry-bytes"},
+                 "orvik-devnode: bad arguments (--max-registry-bytes needs a value)"}),
+    [](const ::testing::TestParamInfo<BadLimit>& info) { return info.param.name; });
 
 TEST(DevNodeCommandLineTest, UnreadableRegistryFileEndsTheStartWithStatusOne) {
     DevNodeProcess node(

@@ -67,7 +67,12 @@ Limits (what one client can cost the node):
 A client whose answers or messages wait is one that does not read: clients
 that read never reach these limits. The node reads at most 1000 requests
 ahead from one client; beyond that the client's connection waits, and
-nothing is lost.
+nothing is lost. It keeps a record of the last 4096 clients (dealers, by
+routing identity) it has heard from: the bytes of answers waiting for each
+and the connection it was last heard on. The record of a client not heard
+from while 4096 others were is dropped: answers still waiting for it no
+longer count against its --peer-queue-bytes, and a connection that next
+takes over its identity is not logged as a clash. It is served as before.
 
 Once ready it prints one line:
   orvik-devnode ready: listener-port=PORT dispenser-port=PORT
