@@ -48,10 +48,13 @@ class WatchTable;
 /// callback, is refused.
 ///
 /// An application id names one running instance. The node tells the
-/// connections of its clients apart by identity (appId + "|disp"): while a
-/// client with that identity is connected, a second one with the same id is
-/// not let in, and what it writes is lost without an acknowledgement or an
-/// error (its writes do not fail; its acknowledgement callbacks never run).
+/// connections of its clients apart by identity (appId + "|disp"), so of two
+/// running clients with one id only one is heard. The other goes deaf without
+/// an error: its writes do not fail, what it writes is neither acknowledged nor
+/// delivered, and its acknowledgement callbacks never run (stats() counts them
+/// in awaitingAck; onUnacknowledged reports them). A node that keeps the first
+/// connection ignores the newcomer; orvik-devnode hands the identity over to
+/// the newer connection, so there the earlier client goes deaf.
 ///
 /// A client must stay where it was constructed: it is neither copied nor moved.
 class Client {
