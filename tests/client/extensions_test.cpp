@@ -442,6 +442,33 @@ TEST(ClientUnacknowledgedTest, WithoutAReportCallbackNothingExpires) {
 
 // Options
 
+// Publishes on kTopic every 5 ms, far more often than a loop's quiet time,
+// while the object lives.
+class SteadyStream {
+public:
+    explicit SteadyStream(TestNode& node)
+        : _publishing(std::async(std::launch::async, [this, &node] {
+              int i = 0;
+              while (_streaming.load()) {
+                  node.publish(
+                      published("1a2b3c4d-0000-4000-8000-" + std::to_string(100000000000 + i++)));
+                  std::this_thread::sleep_for(5ms);
+              }
+          })) {}
+    SteadyStream(const SteadyStream&) = delete;
+    SteadyStream& operator=(const SteadyStream&) = delete;
+    ~SteadyStream() { stop(); }
+
+    void stop() {
+        _streaming.store(false);
+        _publishing.wait();
+    }
+
+private:
+    std::atomic<bool> _streaming{true};
+    std::future<void> _publishing;
+};
+
 TEST(ClientOptionsTest, MaxReadTimeLetsQueuedMessagesOutUnderASteadyStream) {
     TestNode node;
     Client::Options options;
@@ -449,24 +476,31 @@ TEST(ClientOptionsTest, MaxReadTimeLetsQueuedMessagesOutUnderASteadyStream) {
     Client client(kAppId, node.listenerPort(), node.dispenserPort(), {kTopic}, options);
     ASSERT_TRUE(node.waitForSubscription(kTopic));
     client.onMessage([](std::unique_ptr<Message>) {});
-    std::atomic<bool> streaming{true};
-    // A publication every 5 ms, far more often than the loop's quiet time.
-    auto stream = std::async(std::launch::async, [&] {
-        int i = 0;
-        while (streaming.load()) {
-            node.publish(
-                published("1a2b3c4d-0000-4000-8000-" + std::to_string(100000000000 + i++)));
-            std::this_thread::sleep_for(5ms);
-        }
-    });
-    LoopThread loop(client, nullptr, 50ms);
+    SteadyStream stream(node);
+    LoopThread loop(client, nullptr, 500ms);
     ASSERT_TRUE(node.receiveCommand(kInboxCommand));
 
     client.send(messageValidFor(kLongValidity), nullptr);
 
     EXPECT_TRUE(node.receiveCommand(kMessageCommand, 2s));
-    streaming.store(false);
-    stream.wait();
+}
+
+// Without maxReadTime a pass reads for as long as input keeps coming: what is
+// queued meanwhile waits for the stream to pause.
+TEST(ClientOptionsTest, WithoutMaxReadTimeASteadyStreamHoldsQueuedMessagesBack) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {kTopic});
+    ASSERT_TRUE(node.waitForSubscription(kTopic));
+    client.onMessage([](std::unique_ptr<Message>) {});
+    SteadyStream stream(node);
+    LoopThread loop(client, nullptr, 500ms);
+    ASSERT_TRUE(node.receiveCommand(kInboxCommand));
+
+    client.send(messageValidFor(kLongValidity), nullptr);
+
+    EXPECT_FALSE(node.receiveCommand(kMessageCommand, 1500ms));
+    stream.stop();
+    EXPECT_TRUE(node.receiveCommand(kMessageCommand, kEventLimit));
 }
 
 TEST(ClientOptionsTest, SendTimeoutSetsHowLongAWriteWaitsForAnAbsentNode) {
@@ -562,10 +596,15 @@ TEST(ClientOptionsTest, WithoutMaxWriteBatchAPassWritesTheWholeQueue) {
 // Publications to two clients that do not read, paced by a reading raw
 // subscriber so that a reader misses none: the client with a receive limit
 // keeps only what its queues and the publisher's hold, the other keeps all.
+// The publisher holds up to kPublisherQueue for each subscriber, so that an
+// unbounded client whose I/O thread falls behind on a busy machine loses
+// nothing either.
 TEST(ClientOptionsTest, ReceiveLimitBoundsWhatWaitsUnread) {
-    constexpr int kPublications = 4000;
-    const std::string body(20000, 'x');
+    constexpr int kPublications = 8000;
+    constexpr int kPublisherQueue = 2000;
+    const std::string body(5000, 'x');
     testsupport::RawPeer publisher(ZMQ_PUB);
+    publisher.setIntOption(ZMQ_SNDHWM, kPublisherQueue);
     const int listenerPort = publisher.bindLoopback();
     testsupport::RawPeer pacer(ZMQ_SUB);
     pacer.setIntOption(ZMQ_RCVHWM, 0);

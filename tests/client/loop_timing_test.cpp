@@ -12,6 +12,7 @@
 
 #include "support/child_process.hpp"
 #include "support/loop_thread.hpp"
+#include "support/payload_helpers.hpp"
 #include "support/test_node.hpp"
 
 // Durations at the edges of their range: an interval meant as "once", and
@@ -28,6 +29,7 @@ using testsupport::TestNode;
 const std::string kAppId = "timing-app";
 const std::string kRegistryRequestCommand = "GREG";
 const std::string kInboxCommand = "BOX";
+const std::string kMessageCommand = "MSG";
 
 constexpr auto kEventLimit = 5s;
 // Dozens of passes of a 20 ms loop.
@@ -97,6 +99,35 @@ TEST(ClientLoopTimeoutTest, LoopWithATimeoutWhoseLow32BitsAreNegativeStaysStoppa
 TEST(ClientLoopTimeoutTest, LoopWithANegativeTimeoutStaysStoppable) {
     if (testsupport::inChild()) {
         std::_Exit(stoppableWithTimeout(kMinusOne) ? 0 : 1);
+    }
+    expectChildEndsCleanly();
+}
+
+// A loop that polls without waiting still writes what is queued while it runs.
+bool writesQueuedMessagesWithTimeout(std::chrono::milliseconds timeout) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    LoopThread loop(client, nullptr, timeout);
+    if (!node.receiveCommand(kInboxCommand)) {
+        return false;
+    }
+    client.send(testsupport::payloadOf("queued while polling", "text/plain"), {"route"}, 30s,
+                nullptr, orvikm::Message::AckMode::ByNode);
+    const bool written = node.receiveCommand(kMessageCommand).has_value();
+    client.terminate();
+    return loop.endsWithin(kEventLimit) && written;
+}
+
+TEST(ClientLoopTimeoutTest, LoopWithATimeoutWhoseLow32BitsAreNegativeWritesQueuedMessages) {
+    if (testsupport::inChild()) {
+        std::_Exit(writesQueuedMessagesWithTimeout(kThousandHours) ? 0 : 1);
+    }
+    expectChildEndsCleanly();
+}
+
+TEST(ClientLoopTimeoutTest, LoopWithANegativeTimeoutWritesQueuedMessages) {
+    if (testsupport::inChild()) {
+        std::_Exit(writesQueuedMessagesWithTimeout(kMinusOne) ? 0 : 1);
     }
     expectChildEndsCleanly();
 }
