@@ -84,25 +84,15 @@ void Client::onUnacknowledged(std::function<void(const std::string& msgId)> call
 }
 
 void Client::watch_queued(const Message& message, bool hasCallback) {
-    const detail::WatchRecord watched{detail::steadyAfter(Steady::now(), message.validFor()),
-                                      message.validFor(), false, hasCallback};
+    const Steady::time_point deadline = detail::steadyAfter(Steady::now(), message.validFor());
     std::lock_guard<std::mutex> guard(_watch_lock);
-    _watched->insertOrAssign(message.msgIdView(), watched);
+    _watched->watch(message.msgIdView(), deadline, message.validFor(), hasCallback);
 }
 
 void Client::note_written(std::string_view msgId) {
+    const Steady::time_point now = Steady::now();
     std::lock_guard<std::mutex> guard(_watch_lock);
-    detail::WatchRecord* entry = _watched->find(msgId);
-    if (entry == nullptr) {
-        return;
-    }
-    if (!entry->hasCallback) {
-        // Nothing waits for its acknowledgement: nothing to report.
-        _watched->erase(msgId);
-        return;
-    }
-    entry->written = true;
-    entry->deadline = detail::steadyAfter(Steady::now(), entry->validFor);
+    _watched->noteWritten(msgId, now);
 }
 
 void Client::note_acknowledged(const std::string& msgId) {
@@ -124,16 +114,7 @@ void Client::expire_due() {
     std::vector<std::string> written;
     {
         std::lock_guard<std::mutex> guard(_watch_lock);
-        _watched->forEach([&](std::string_view id, const detail::WatchRecord& entry) {
-            if (entry.deadline <= now) {
-                (entry.written ? written : queued).emplace_back(id);
-            }
-        });
-        for (const std::vector<std::string>* ids : {&queued, &written}) {
-            for (const std::string& id : *ids) {
-                _watched->erase(id);
-            }
-        }
+        _watched->takeExpired(now, queued, written);
     }
     if (!queued.empty()) {
         const std::unordered_set<std::string> expired(queued.begin(), queued.end());

@@ -2,110 +2,295 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
+#include <limits>
 #include <utility>
+
+#include "intervals.hpp"
 
 namespace orvikm::detail {
 
 namespace {
 
 constexpr std::size_t first_capacity = 64;
+constexpr std::size_t id_size = 36;
+
+// Eight bytes of text as one word, the first byte lowest.
+inline std::uint64_t loadBytes(const unsigned char* text) {
+    std::uint64_t word;
+    std::memcpy(&word, text, sizeof word);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    word = __builtin_bswap64(word);
+#endif
+    return word;
+}
+
+// Four bytes of text and four more, as loadBytes would read them side by side.
+inline std::uint64_t loadHalves(const unsigned char* first, const unsigned char* second) {
+    std::uint32_t halves[2];
+    std::memcpy(&halves[0], first, sizeof halves[0]);
+    std::memcpy(&halves[1], second, sizeof halves[1]);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    halves[0] = __builtin_bswap32(halves[0]);
+    halves[1] = __builtin_bswap32(halves[1]);
+#endif
+    return halves[0] | (static_cast<std::uint64_t>(halves[1]) << 32);
+}
+
+constexpr std::uint64_t each_byte(std::uint8_t value) {
+    return 0x0101010101010101ULL * value;
+}
+
+// Eight lower-case hex digits, one a byte, as 32 bits (the digit of byte k in
+// bits 4k..4k+3), all eight bytes at once; false when a byte is no such digit.
+inline bool digitsOf(std::uint64_t text, std::uint32_t& value) {
+    constexpr std::uint64_t high = each_byte(0x80);
+    // Each comparison leaves a byte's high bit set where it holds; with every
+    // byte below 0x80 no subtraction borrows from its neighbour.
+    const std::uint64_t atLeast0 = ((text | high) - each_byte('0')) & high;
+    const std::uint64_t atMost9 = ((each_byte('9') | high) - text) & high;
+    const std::uint64_t atLeastA = ((text | high) - each_byte('a')) & high;
+    const std::uint64_t atMostF = ((each_byte('f') | high) - text) & high;
+    if ((text & high) != 0 || ((atLeast0 & atMost9) | (atLeastA & atMostF)) != high) {
+        return false;
+    }
+    // '0'..'9' keep their low four bits; 'a'..'f' (0x61..0x66) add 9 to theirs.
+    std::uint64_t digits = (text & each_byte(0x0f)) + 9 * ((text >> 6) & each_byte(0x01));
+    digits = (digits | (digits >> 4)) & 0x00ff00ff00ff00ffULL;
+    digits = (digits | (digits >> 8)) & 0x0000ffff0000ffffULL;
+    digits = (digits | (digits >> 16)) & 0x00000000ffffffffULL;
+    value = static_cast<std::uint32_t>(digits);
+    return true;
+}
+
+// The inverse of digitsOf, into the eight places given.
+inline void writeDigits(std::uint32_t value, char* const places[8]) {
+    static const char hex[] = "0123456789abcdef";
+    for (unsigned k = 0; k < 8; ++k) {
+        *places[k] = hex[(value >> (4 * k)) & 0xf];
+    }
+}
 
 }  // namespace
 
-std::uint32_t WatchTable::hashOf(std::string_view id) {
-    const std::size_t hash = std::hash<std::string_view>()(id);
-    return static_cast<std::uint32_t>(hash ^ (hash >> 32));
+bool WatchTable::parse(std::string_view id, Key& key) {
+    // Looked up at every send, write and acknowledgement: eight digits at a
+    // time.
+    if (id.size() != id_size || id[8] != '-' || id[13] != '-' || id[18] != '-' || id[23] != '-') {
+        return false;
+    }
+    const auto* text = reinterpret_cast<const unsigned char*>(id.data());
+    std::uint32_t words[4];
+    if (!digitsOf(loadBytes(text), words[0]) ||
+        !digitsOf(loadHalves(text + 9, text + 14), words[1]) ||
+        !digitsOf(loadHalves(text + 19, text + 24), words[2]) ||
+        !digitsOf(loadBytes(text + 28), words[3])) {
+        return false;
+    }
+    key = Key{words[0] | (static_cast<std::uint64_t>(words[1]) << 32),
+              words[2] | (static_cast<std::uint64_t>(words[3]) << 32)};
+    return true;
 }
 
-std::size_t WatchTable::probe(std::string_view id, std::uint32_t hash) const {
-    std::size_t index = hash & _mask;
+std::string WatchTable::text(const Slot& slot) {
+    std::string id(id_size, '-');
+    char* const c = id.data();
+    char* const groups[4][8] = {
+        {c, c + 1, c + 2, c + 3, c + 4, c + 5, c + 6, c + 7},
+        {c + 9, c + 10, c + 11, c + 12, c + 14, c + 15, c + 16, c + 17},
+        {c + 19, c + 20, c + 21, c + 22, c + 24, c + 25, c + 26, c + 27},
+        {c + 28, c + 29, c + 30, c + 31, c + 32, c + 33, c + 34, c + 35},
+    };
+    writeDigits(static_cast<std::uint32_t>(slot.high), groups[0]);
+    writeDigits(static_cast<std::uint32_t>(slot.high >> 32), groups[1]);
+    writeDigits(static_cast<std::uint32_t>(slot.low), groups[2]);
+    writeDigits(static_cast<std::uint32_t>(slot.low >> 32), groups[3]);
+    return id;
+}
+
+WatchTable::Entry WatchTable::entryOf(const Slot& slot) {
+    using Limits = std::numeric_limits<std::int32_t>;
+    const std::chrono::seconds validFor =
+        slot.validFor == Limits::max()   ? std::chrono::seconds::max()
+        : slot.validFor == Limits::min() ? std::chrono::seconds::min()
+                                         : std::chrono::seconds(slot.validFor);
+    return Entry{Clock::time_point(Clock::duration(slot.deadline)), validFor,
+                 (slot.flags & written_flag) != 0, (slot.flags & callback_flag) != 0};
+}
+
+void WatchTable::store(Slot& slot, const Entry& entry) {
+    using Limits = std::numeric_limits<std::int32_t>;
+    slot.deadline = entry.deadline.time_since_epoch().count();
+    slot.validFor = static_cast<std::int32_t>(std::clamp<std::chrono::seconds::rep>(
+        entry.validFor.count(), Limits::min(), Limits::max()));
+    slot.flags = static_cast<std::uint8_t>(used_flag | (entry.written ? written_flag : 0) |
+                                           (entry.hasCallback ? callback_flag : 0));
+}
+
+std::size_t WatchTable::home(std::uint64_t high, std::uint64_t low) const {
+    // Fibonacci hashing of both words: the top bits of the product, which
+    // every bit of the id reaches.
+    const std::uint64_t mixed = (high ^ ((low << 32) | (low >> 32))) * 0x9e3779b97f4a7c15ULL;
+    return static_cast<std::size_t>(mixed >> _shift);
+}
+
+std::size_t WatchTable::probe(const Key& key) const {
+    const std::size_t mask = _slots.size() - 1;
+    std::size_t index = home(key.high, key.low);
     for (;;) {
         const Slot& slot = _slots[index];
-        if (!slot.used || (slot.hash == hash && slot.size == id.size() &&
-                           std::memcmp(slot.id, id.data(), id.size()) == 0)) {
+        if (slot.flags == 0 || (slot.high == key.high && slot.low == key.low)) {
             return index;
         }
-        index = (index + 1) & _mask;
+        index = (index + 1) & mask;
     }
 }
 
-WatchRecord* WatchTable::find(std::string_view id) {
-    if (id.size() > max_inline_id) {
-        const auto entry = _long.find(std::string(id));
-        return entry == _long.end() ? nullptr : &entry->second;
-    }
+WatchTable::Slot* WatchTable::find(const Key& key) {
     if (_count == 0) {
         return nullptr;
     }
-    Slot& slot = _slots[probe(id, hashOf(id))];
-    return slot.used ? &slot.record : nullptr;
+    Slot& slot = _slots[probe(key)];
+    return slot.flags != 0 ? &slot : nullptr;
 }
 
-void WatchTable::insertOrAssign(std::string_view id, const WatchRecord& record) {
-    if (id.size() > max_inline_id) {
-        _long.insert_or_assign(std::string(id), record);
+void WatchTable::watch(std::string_view id, Clock::time_point deadline,
+                       std::chrono::seconds validFor, bool hasCallback) {
+    const Entry entry{deadline, validFor, false, hasCallback};
+    // A write only moves a deadline later, and erasing leaves the bound a
+    // bound, so only a new entry can lower it.
+    _earliest = std::min(_earliest, deadline);
+    Key key;
+    if (!parse(id, key)) {
+        _other.insert_or_assign(std::string(id), entry);
         return;
     }
     // At most half full: probe sequences stay a slot or two long.
     if (2 * (_count + 1) > _slots.size()) {
         grow();
     }
-    const std::uint32_t hash = hashOf(id);
-    Slot& slot = _slots[probe(id, hash)];
-    if (!slot.used) {
-        slot.used = true;
-        slot.hash = hash;
-        slot.size = static_cast<std::uint8_t>(id.size());
-        std::memcpy(slot.id, id.data(), id.size());
+    Slot& slot = _slots[probe(key)];
+    if (slot.flags == 0) {
+        slot.high = key.high;
+        slot.low = key.low;
         ++_count;
     }
-    slot.record = record;
+    store(slot, entry);
+}
+
+void WatchTable::noteWritten(std::string_view id, Clock::time_point now) {
+    Key key;
+    if (!parse(id, key)) {
+        const auto found = _other.find(std::string(id));
+        if (found == _other.end()) {
+            return;
+        }
+        if (!found->second.hasCallback) {
+            _other.erase(found);
+            return;
+        }
+        found->second.written = true;
+        found->second.deadline = steadyAfter(now, found->second.validFor);
+        return;
+    }
+    Slot* slot = find(key);
+    if (slot == nullptr) {
+        return;
+    }
+    if ((slot->flags & callback_flag) == 0) {
+        eraseAt(static_cast<std::size_t>(slot - _slots.data()));
+        return;
+    }
+    Entry entry = entryOf(*slot);
+    entry.written = true;
+    entry.deadline = steadyAfter(now, entry.validFor);
+    store(*slot, entry);
 }
 
 bool WatchTable::erase(std::string_view id) {
-    if (id.size() > max_inline_id) {
-        return _long.erase(std::string(id)) > 0;
+    Key key;
+    if (!parse(id, key)) {
+        return _other.erase(std::string(id)) > 0;
     }
-    if (_count == 0) {
+    Slot* slot = find(key);
+    if (slot == nullptr) {
         return false;
     }
-    std::size_t hole = probe(id, hashOf(id));
-    if (!_slots[hole].used) {
-        return false;
-    }
-    _slots[hole].used = false;
-    --_count;
-    // Backward shift: every entry after the hole that may sit in it moves
-    // there, so that no probe sequence is broken and no tombstones build up.
-    for (std::size_t next = (hole + 1) & _mask; _slots[next].used; next = (next + 1) & _mask) {
-        const std::size_t home = _slots[next].hash & _mask;
-        // Distances from each entry's home slot, cyclically.
-        const std::size_t fromHomeToNext = (next - home) & _mask;
-        const std::size_t fromHomeToHole = (hole - home) & _mask;
-        if (fromHomeToHole <= fromHomeToNext) {
-            _slots[hole] = _slots[next];
-            _slots[next].used = false;
-            hole = next;
-        }
-    }
+    eraseAt(static_cast<std::size_t>(slot - _slots.data()));
     return true;
 }
 
+void WatchTable::eraseAt(std::size_t hole) {
+    const std::size_t mask = _slots.size() - 1;
+    _slots[hole].flags = 0;
+    --_count;
+    // Backward shift: every entry after the hole that may sit in it moves
+    // there, so that no probe sequence is broken and no tombstones build up.
+    for (std::size_t next = (hole + 1) & mask; _slots[next].flags != 0; next = (next + 1) & mask) {
+        const std::size_t homeSlot = home(_slots[next].high, _slots[next].low);
+        // Distances from the entry's home slot, cyclically.
+        const std::size_t fromHomeToNext = (next - homeSlot) & mask;
+        const std::size_t fromHomeToHole = (hole - homeSlot) & mask;
+        if (fromHomeToHole <= fromHomeToNext) {
+            _slots[hole] = _slots[next];
+            _slots[next].flags = 0;
+            hole = next;
+        }
+    }
+}
+
+void WatchTable::takeExpired(Clock::time_point now, std::vector<std::string>& queued,
+                             std::vector<std::string>& written) {
+    if (now < _earliest) {
+        return;
+    }
+    const Clock::rep limit = now.time_since_epoch().count();
+    Clock::rep earliest = Clock::time_point::max().time_since_epoch().count();
+    std::vector<Key> expired;
+    for (const Slot& slot : _slots) {
+        if (slot.flags == 0) {
+            continue;
+        }
+        if (slot.deadline <= limit) {
+            expired.push_back(Key{slot.high, slot.low});
+            ((slot.flags & written_flag) != 0 ? written : queued).push_back(text(slot));
+        } else {
+            earliest = std::min(earliest, slot.deadline);
+        }
+    }
+    for (const Key& key : expired) {
+        eraseAt(probe(key));
+    }
+    _earliest = Clock::time_point(Clock::duration(earliest));
+    for (auto entry = _other.begin(); entry != _other.end();) {
+        if (entry->second.deadline <= now) {
+            (entry->second.written ? written : queued).push_back(entry->first);
+            entry = _other.erase(entry);
+        } else {
+            _earliest = std::min(_earliest, entry->second.deadline);
+            ++entry;
+        }
+    }
+}
+
 void WatchTable::clear() {
+    _earliest = Clock::time_point::max();
     _slots.clear();
-    _mask = 0;
+    _shift = 64;
     _count = 0;
-    _long.clear();
+    _other.clear();
 }
 
 void WatchTable::grow() {
-    std::vector<Slot> old(std::max(first_capacity, 2 * _slots.size()), Slot{});
+    const std::size_t capacity = std::max(first_capacity, 2 * _slots.size());
+    std::vector<Slot> old(capacity, Slot{});
     old.swap(_slots);
-    _mask = _slots.size() - 1;
+    _shift = 64;
+    for (std::size_t size = capacity; size > 1; size /= 2) {
+        --_shift;
+    }
     for (const Slot& slot : old) {
-        if (slot.used) {
-            _slots[probe(std::string_view(slot.id, slot.size), slot.hash)] = slot;
+        if (slot.flags != 0) {
+            _slots[probe(Key{slot.high, slot.low})] = slot;
         }
     }
 }

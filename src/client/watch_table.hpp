@@ -10,65 +10,95 @@
 
 namespace orvikm::detail {
 
-// What the delivery-failure report keeps of one watched message.
-struct WatchRecord {
-    std::chrono::steady_clock::time_point deadline;
-    std::chrono::seconds validFor;
-    bool written;
-    bool hasCallback;
-};
-
-// The watched messages by id. Every send, write and acknowledgement of a
-// watched message looks its id up, on a table that holds every message in
-// flight (tens of thousands in a burst): a node-based map costs an allocation
-// per entry and three or four cache misses per look-up there. This table keeps
-// each entry with its id in one 64-byte slot of an open-addressed array, so a
-// look-up touches one or two cache lines and an entry allocates nothing. Ids
-// longer than a slot holds (never those the client makes) go to a map beside.
+// The watched messages of the delivery-failure report, by id: each with its
+// deadline, its validity period, and whether it has been written and has an
+// acknowledgement callback.
+//
+// Every send, write and acknowledgement of a watched message looks its id up,
+// on a table that holds every message in flight (tens of thousands in a
+// burst), so what a look-up costs is the cache lines it touches. An id in the
+// form the client makes (36 characters, lower-case hex digits and four
+// hyphens) is kept as its 16 bytes, and the whole entry fits one 32-byte slot
+// of an open-addressed array: a look-up hashes two words and touches one or
+// two cache lines, an entry allocates nothing, and the array is half the size
+// that ids kept as text would need. Any other id (an application may build a
+// message with an id of its own) goes to a map beside.
+//
 // Not thread-safe: the client holds its watch lock.
 class WatchTable {
 public:
+    using Clock = std::chrono::steady_clock;
+
     WatchTable() = default;
 
-    WatchRecord* find(std::string_view id);
-    void insertOrAssign(std::string_view id, const WatchRecord& record);
+    // Watches the message until `deadline`; replaces an earlier entry of the
+    // same id.
+    void watch(std::string_view id, Clock::time_point deadline, std::chrono::seconds validFor,
+               bool hasCallback);
+    // The message was written at `now`: with an acknowledgement callback its
+    // deadline becomes `now` plus its validity period; without one nothing
+    // waits for it, and it is no longer watched. An unknown id is ignored.
+    void noteWritten(std::string_view id, Clock::time_point now);
+    // Stops watching the message; false when it was not watched.
     bool erase(std::string_view id);
+    // Takes out every entry whose deadline is at or before `now`, and appends
+    // its id to `written` or to `queued`. Looks at the entries only once the
+    // earliest deadline has come.
+    void takeExpired(Clock::time_point now, std::vector<std::string>& queued,
+                     std::vector<std::string>& written);
     void clear();
-    std::size_t size() const { return _count + _long.size(); }
-
-    // Calls visit(id, record) for every entry, in no particular order; the
-    // table must not change meanwhile.
-    template <typename Visit>
-    void forEach(Visit visit) const {
-        for (const Slot& slot : _slots) {
-            if (slot.used) {
-                visit(std::string_view(slot.id, slot.size), slot.record);
-            }
-        }
-        for (const auto& [id, record] : _long) {
-            visit(std::string_view(id), record);
-        }
-    }
+    std::size_t size() const { return _count + _other.size(); }
 
 private:
-    static constexpr std::size_t max_inline_id = 40;
-    struct Slot {
-        WatchRecord record;
-        std::uint32_t hash;
-        std::uint8_t size;
-        bool used;
-        char id[max_inline_id];
+    // What the table keeps of an entry besides its id.
+    struct Entry {
+        Clock::time_point deadline;
+        std::chrono::seconds validFor;
+        bool written;
+        bool hasCallback;
     };
 
-    static std::uint32_t hashOf(std::string_view id);
-    // The slot holding `id`, or the empty slot where it would go.
-    std::size_t probe(std::string_view id, std::uint32_t hash) const;
+    // An id in the client's form, as two words.
+    struct Key {
+        std::uint64_t high;
+        std::uint64_t low;
+    };
+
+    // One entry of the array; `flags` 0 is an empty slot.
+    struct Slot {
+        std::uint64_t high;
+        std::uint64_t low;
+        Clock::rep deadline;
+        // Seconds, held at the range of 32 bits; the ends stand for validities
+        // beyond them (deadlines that never come, or that have always passed).
+        std::int32_t validFor;
+        std::uint8_t flags;
+    };
+    static_assert(sizeof(Slot) == 32, "a slot is half a cache line");
+
+    static constexpr std::uint8_t used_flag = 1;
+    static constexpr std::uint8_t written_flag = 2;
+    static constexpr std::uint8_t callback_flag = 4;
+
+    static bool parse(std::string_view id, Key& key);
+    static std::string text(const Slot& slot);
+    static Entry entryOf(const Slot& slot);
+    static void store(Slot& slot, const Entry& entry);
+
+    std::size_t home(std::uint64_t high, std::uint64_t low) const;
+    // The slot holding `key`, or the empty slot where it would go.
+    std::size_t probe(const Key& key) const;
+    // The slot holding `key`, or nullptr.
+    Slot* find(const Key& key);
+    void eraseAt(std::size_t hole);
     void grow();
 
     std::vector<Slot> _slots;
-    std::size_t _mask = 0;
+    unsigned _shift = 64;
     std::size_t _count = 0;
-    std::unordered_map<std::string, WatchRecord> _long;
+    std::unordered_map<std::string, Entry> _other;
+    // No deadline is earlier: until then a sweep has nothing to look at.
+    Clock::time_point _earliest = Clock::time_point::max();
 };
 
 }  // namespace orvikm::detail

@@ -1,0 +1,167 @@
+#include "client/watch_table.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+// The table behind the delivery-failure report: ids in the client's form and
+// in any other form, deadlines before and after a write, and removal in the
+// middle of probe sequences.
+namespace {
+
+using namespace std::chrono_literals;
+using orvikm::detail::WatchTable;
+using Clock = WatchTable::Clock;
+
+const Clock::time_point kStart = Clock::time_point(1000s);
+
+// An id in the client's form whose digits come from n.
+std::string idOf(unsigned n) {
+    char text[37];
+    std::snprintf(text, sizeof text, "%08x-%04x-4%03x-8%03x-%012x", n * 2654435761u, n & 0xffff,
+                  n & 0xfff, (n >> 12) & 0xfff, n);
+    return text;
+}
+
+struct Expired {
+    std::vector<std::string> queued;
+    std::vector<std::string> written;
+};
+
+Expired expiredAt(WatchTable& table, Clock::time_point now) {
+    Expired expired;
+    table.takeExpired(now, expired.queued, expired.written);
+    std::sort(expired.queued.begin(), expired.queued.end());
+    std::sort(expired.written.begin(), expired.written.end());
+    return expired;
+}
+
+TEST(WatchTableTest, QueuedEntryExpiresAtItsDeadlineWithItsIdAsGiven) {
+    WatchTable table;
+    const std::string id = "0f1e2d3c-4b5a-4968-8776-a5b4c3d2e1f0";
+    table.watch(id, kStart + 5s, 5s, true);
+
+    EXPECT_TRUE(expiredAt(table, kStart + 4s).queued.empty());
+    const Expired expired = expiredAt(table, kStart + 5s);
+
+    EXPECT_EQ(expired.queued, std::vector<std::string>{id});
+    EXPECT_TRUE(expired.written.empty());
+    EXPECT_EQ(table.size(), 0u);
+}
+
+TEST(WatchTableTest, WrittenEntryGetsItsValidityAgainFromTheWrite) {
+    WatchTable table;
+    const std::string id = idOf(1);
+    table.watch(id, kStart + 5s, 5s, true);
+
+    table.noteWritten(id, kStart + 3s);
+
+    EXPECT_EQ(expiredAt(table, kStart + 7s).written.size(), 0u);
+    EXPECT_EQ(expiredAt(table, kStart + 8s).written, std::vector<std::string>{id});
+}
+
+TEST(WatchTableTest, WrittenEntryWithoutCallbackIsNoLongerWatched) {
+    WatchTable table;
+    table.watch(idOf(2), kStart + 1s, 1s, false);
+
+    table.noteWritten(idOf(2), kStart);
+
+    EXPECT_EQ(table.size(), 0u);
+    EXPECT_FALSE(table.erase(idOf(2)));
+}
+
+TEST(WatchTableTest, ErasedEntryNeverExpires) {
+    WatchTable table;
+    table.watch(idOf(3), kStart + 1s, 1s, true);
+
+    EXPECT_TRUE(table.erase(idOf(3)));
+
+    const Expired expired = expiredAt(table, kStart + 1h);
+    EXPECT_TRUE(expired.queued.empty());
+    EXPECT_TRUE(expired.written.empty());
+}
+
+TEST(WatchTableTest, IdsInOtherFormsAreKeptAsTheyAre) {
+    WatchTable table;
+    const std::vector<std::string> ids = {
+        "", "short", "0F1E2D3C-4B5A-4968-8776-A5B4C3D2E1F0", "0f1e2d3c+4b5a-4968-8776-a5b4c3d2e1f0",
+        std::string(36, 'g'), std::string(200, 'x'),
+        // Bytes next to the digits' ranges, and one above 0x7f.
+        "0f1e2d3c-4b5a-4968-8776-a5b4c3d2e1f/",
+        "0f1e2d3c-4b5a-4968-8776-a5b4c3d2e1f:", "0f1e2d3c-4b5a-4968-8776-a5b4c3d2e1f`",
+        "\xb0"
+        "f1e2d3c-4b5a-4968-8776-a5b4c3d2e1f0"};
+    for (const std::string& id : ids) {
+        table.watch(id, kStart + 1s, 1s, true);
+    }
+    table.noteWritten(ids[1], kStart);
+    table.watch("kept", kStart + 1h, 1h, true);
+    ASSERT_EQ(table.size(), ids.size() + 1);
+
+    const Expired expired = expiredAt(table, kStart + 1s);
+
+    std::vector<std::string> all = expired.queued;
+    all.insert(all.end(), expired.written.begin(), expired.written.end());
+    std::vector<std::string> expected = ids;
+    std::sort(all.begin(), all.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(all, expected);
+    EXPECT_EQ(expired.written, std::vector<std::string>{"short"});
+    EXPECT_TRUE(table.erase("kept"));
+}
+
+TEST(WatchTableTest, WatchingAgainReplacesTheEntry) {
+    WatchTable table;
+    table.watch(idOf(4), kStart + 1s, 1s, true);
+    table.watch(idOf(4), kStart + 10s, 10s, true);
+
+    EXPECT_EQ(table.size(), 1u);
+    EXPECT_TRUE(expiredAt(table, kStart + 5s).queued.empty());
+}
+
+TEST(WatchTableTest, ValiditiesBeyondThirtyTwoBitsKeepTheirMeaningAfterAWrite) {
+    WatchTable table;
+    table.watch(idOf(5), Clock::time_point::max(), std::chrono::seconds::max(), true);
+    table.watch(idOf(6), kStart, std::chrono::seconds::min(), true);
+
+    table.noteWritten(idOf(5), kStart);
+    table.noteWritten(idOf(6), kStart);
+
+    const Expired expired = expiredAt(table, kStart + std::chrono::hours(24 * 365 * 100));
+    EXPECT_EQ(expired.written, std::vector<std::string>{idOf(6)});
+    EXPECT_EQ(table.size(), 1u);
+}
+
+// Thousands of entries make long probe sequences and several growths; erasing
+// every third one in the middle of them must leave every other one findable.
+TEST(WatchTableTest, ManyEntriesSurviveGrowthAndErasureAroundThem) {
+    constexpr unsigned kEntries = 20000;
+    WatchTable table;
+    for (unsigned n = 0; n < kEntries; ++n) {
+        table.watch(idOf(n), kStart + std::chrono::seconds(1 + n % 2), 1s, true);
+    }
+    for (unsigned n = 0; n < kEntries; n += 3) {
+        ASSERT_TRUE(table.erase(idOf(n))) << n;
+    }
+    for (unsigned n = 0; n < kEntries; n += 5) {
+        EXPECT_EQ(table.erase(idOf(n)), n % 3 != 0) << n;
+    }
+
+    const Expired expired = expiredAt(table, kStart + 2s);
+
+    std::vector<std::string> expected;
+    for (unsigned n = 0; n < kEntries; ++n) {
+        if (n % 3 != 0 && n % 5 != 0) {
+            expected.push_back(idOf(n));
+        }
+    }
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expired.queued, expected);
+    EXPECT_EQ(table.size(), 0u);
+}
+
+}  // namespace
