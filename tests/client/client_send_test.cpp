@@ -359,6 +359,51 @@ TEST(ClientSendTest, UnsentMessagesStayQueuedAndLeaveFirstFailedFirstOnceNodeRun
     EXPECT_EQ(errors.reports.size(), 1u);
 }
 
+// A write batch bound changes how much one pass writes, nothing else: the
+// failed write's message stays at the head with the same error context, and
+// once the node runs the queue leaves in its order, batch after batch.
+TEST(ClientSendTest, WithAWriteBatchUnsentMessagesKeepTheirContextAndOrder) {
+    RefusingPorts ports;
+    const int listenerPort = ports.listener.port();
+    const int dispenserPort = ports.dispenser.port();
+    Client::Options options;
+    options.maxWriteBatch = 2;
+    Client client(kAppId, listenerPort, dispenserPort, {}, options);
+    std::vector<Message> messages;
+    for (const std::chrono::seconds validity : {40s, 10s, 50s, 20s, 30s}) {
+        messages.push_back(outgoing(validity));
+    }
+    std::vector<std::string> expected;
+    for (const int shortestFirst : {1, 3, 4, 0, 2}) {
+        expected.push_back(messages[static_cast<std::size_t>(shortestFirst)].msgId());
+    }
+    for (Message& message : messages) {
+        client.send(std::move(message), nullptr);
+    }
+    ErrorRecorder errors;
+    {
+        LoopThread failing(client, errors.handler());
+        ASSERT_TRUE(failing.endsWithin(kEventLimit));
+    }
+    ASSERT_EQ(errors.reports.size(), 1u);
+    const std::vector<std::string> context = {kPayloadFramesContext, kQueuedNodeUnavailable,
+                                              kQueuedMessageContext + expected.front(),
+                                              kAllQueuedContext};
+    EXPECT_EQ(errors.reports.front().errorNumber, kAgain);
+    EXPECT_EQ(errors.reports.front().context, context);
+    EXPECT_EQ(client.stats().queued, expected.size());
+
+    ports.release();
+    TestNode node(listenerPort, dispenserPort);
+    ASSERT_TRUE(node.waitForDispenserPeer());
+    LoopThread loop(client, errors.handler());
+    const std::vector<std::string> written = writtenMessageIds(node, expected.size());
+
+    ASSERT_TRUE(loop.stop());
+    EXPECT_EQ(written, expected);
+    EXPECT_EQ(errors.reports.size(), 1u);
+}
+
 TEST(ClientSendTest, AckFromMessageCallbackWritesAckWithTheMessageId) {
     TestNode node;
     Client client(kAppId, node.listenerPort(), node.dispenserPort(), {kTopic});
