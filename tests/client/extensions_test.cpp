@@ -469,38 +469,53 @@ private:
     std::future<void> _publishing;
 };
 
-TEST(ClientOptionsTest, MaxReadTimeLetsQueuedMessagesOutUnderASteadyStream) {
+// Where a message queued under a steady stream got to.
+struct WrittenUnderStream {
+    bool whileStreaming = false;  // within the wait given, the stream going on
+    bool onceStopped = false;     // by the time the stream had stopped
+};
+
+// Queues a message while a client whose loop waits 500 ms for quiet is fed a
+// steady stream, and looks for it at the node for `wait`, then once the
+// stream has stopped.
+WrittenUnderStream queueUnderSteadyStream(const Client::Options& options,
+                                          std::chrono::milliseconds wait) {
     TestNode node;
-    Client::Options options;
-    options.maxReadTime = 100ms;
     Client client(kAppId, node.listenerPort(), node.dispenserPort(), {kTopic}, options);
-    ASSERT_TRUE(node.waitForSubscription(kTopic));
+    if (!node.waitForSubscription(kTopic)) {
+        return {};
+    }
     client.onMessage([](std::unique_ptr<Message>) {});
     SteadyStream stream(node);
     LoopThread loop(client, nullptr, 500ms);
-    ASSERT_TRUE(node.receiveCommand(kInboxCommand));
+    if (!node.receiveCommand(kInboxCommand)) {
+        return {};
+    }
 
     client.send(messageValidFor(kLongValidity), nullptr);
 
-    EXPECT_TRUE(node.receiveCommand(kMessageCommand, 2s));
+    WrittenUnderStream written;
+    written.whileStreaming = node.receiveCommand(kMessageCommand, wait).has_value();
+    stream.stop();
+    written.onceStopped =
+        written.whileStreaming || node.receiveCommand(kMessageCommand, kEventLimit).has_value();
+    return written;
+}
+
+TEST(ClientOptionsTest, MaxReadTimeLetsQueuedMessagesOutUnderASteadyStream) {
+    Client::Options options;
+    options.maxReadTime = 100ms;
+
+    EXPECT_TRUE(queueUnderSteadyStream(options, 2s).whileStreaming);
 }
 
 // Without maxReadTime a pass reads for as long as input keeps coming: what is
 // queued meanwhile waits for the stream to pause.
 TEST(ClientOptionsTest, WithoutMaxReadTimeASteadyStreamHoldsQueuedMessagesBack) {
-    TestNode node;
-    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {kTopic});
-    ASSERT_TRUE(node.waitForSubscription(kTopic));
-    client.onMessage([](std::unique_ptr<Message>) {});
-    SteadyStream stream(node);
-    LoopThread loop(client, nullptr, 500ms);
-    ASSERT_TRUE(node.receiveCommand(kInboxCommand));
+    const WrittenUnderStream written = queueUnderSteadyStream(Client::Options{}, 1500ms);
 
-    client.send(messageValidFor(kLongValidity), nullptr);
-
-    EXPECT_FALSE(node.receiveCommand(kMessageCommand, 1500ms));
-    stream.stop();
-    EXPECT_TRUE(node.receiveCommand(kMessageCommand, kEventLimit));
+    EXPECT_FALSE(written.whileStreaming);
+    EXPECT_TRUE(written.onceStopped);
 }
 
 TEST(ClientOptionsTest, SendTimeoutSetsHowLongAWriteWaitsForAnAbsentNode) {
