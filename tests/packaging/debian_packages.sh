@@ -113,7 +113,10 @@ echo "== orvik-devnode from the unpacked root finds its libraries there"
 loaded=$(ldd "$root/usr/bin/orvik-devnode" | awk '$1 == "liborvik_messenging.so.0" {print $3}')
 [ "$loaded" -ef "$root/$libdir/liborvik_messenging.so.0" ] ||
     fail "orvik-devnode loads liborvik_messenging.so.0 from '$loaded'"
-"$root/usr/bin/orvik-devnode" --help | head -n 1
+# Read whole before its first line is shown: a reader that stops early would
+# end the program with SIGPIPE once its help no longer fits one write.
+"$root/usr/bin/orvik-devnode" --help >"$work/devnode-help.txt"
+head -n 1 "$work/devnode-help.txt"
 
 echo "== find_package(orvikm CONFIG REQUIRED) against the unpacked -dev package"
 export LD_LIBRARY_PATH=$root/$libdir
