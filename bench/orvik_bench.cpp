@@ -73,6 +73,9 @@ struct Options {
 #endif
     // Messages of the write-batch burst.
     std::uint64_t burst = 100'000;
+    // Pairs of send runs with and without onUnacknowledged for --watch-cost;
+    // 0: the usual table.
+    int watchCostPairs = 0;
 };
 
 struct Run {
@@ -642,6 +645,8 @@ Options parseOptions(int argc, char** argv) {
                     fail("--sizes takes numbers separated by commas");
                 }
             }
+        } else if (argument == "--watch-cost" && i + 1 < argc) {
+            options.watchCostPairs = std::max(1, std::atoi(argv[++i]));
         } else if (argument == "--profile" && i + 1 < argc) {
             options.profile = argv[++i];
         } else if (argument == "--devnode" && i + 1 < argc) {
@@ -659,6 +664,9 @@ Options parseOptions(int argc, char** argv) {
                 "  --seconds      aimed duration of one throughput run (default 0.5)\n"
                 "  --repetitions  throughput runs a side; the best is reported (default 7)\n"
                 "  --sizes        payload sizes in bytes (default 0,100,10240,1048576)\n"
+                "  --watch-cost N only what onUnacknowledged costs a send: N pairs of runs\n"
+                "                 with and without it, each pair in turn order, and the\n"
+                "                 quartiles of the pairs' ratios\n"
                 "  --profile      one side of one measurement, for a profiler: send, receive,\n"
                 "                 latency (the library's), send-watched (onUnacknowledged set),\n"
                 "                 devnode-send (through orvik-devnode), node-send (the\n"
@@ -729,6 +737,54 @@ Comparison compare(Watchdog& watchdog, int repetitions, Library library, Raw raw
     return best;
 }
 
+// What onUnacknowledged costs a send, more steadily than the best of a few
+// runs a side: runs with and without it in pairs (which goes first alternates),
+// so that a pair shares the machine's state of the moment, and the quartiles
+// of the pairs' ratios.
+void watchCost(void* context, BenchNode& node, Watchdog& watchdog, const Options& options) {
+    const auto quartiles = [](std::vector<double> values) {
+        std::sort(values.begin(), values.end());
+        const auto at = [&values](double q) {
+            return values[static_cast<std::size_t>(q * static_cast<double>(values.size() - 1))];
+        };
+        char text[64];
+        std::snprintf(text, sizeof text, "%.3f  %.3f  %.3f", at(0.25), at(0.5), at(0.75));
+        return std::string(text);
+    };
+    std::printf(
+        "What onUnacknowledged costs a send: %d pairs of runs with and without it; quartiles\n"
+        "(25 %%, median, 75 %%) of the ratio with / without in each pair.\n",
+        options.watchCostPairs);
+    for (const std::size_t size : options.sizes) {
+        if (size >= 1024 * 1024) {
+            continue;
+        }
+        watchdog.arm();
+        const std::uint64_t count =
+            countFor(rawSend(context, node, 2000, size).rate(), options.seconds, most_queued);
+        std::vector<double> rates, cpus;
+        for (int i = 0; i < options.watchCostPairs; ++i) {
+            watchdog.arm();
+            Run with, without;
+            if (i % 2 == 0) {
+                with = timed([&] { return librarySend(node, count, size, true); });
+                without = timed([&] { return librarySend(node, count, size, false); });
+            } else {
+                without = timed([&] { return librarySend(node, count, size, false); });
+                with = timed([&] { return librarySend(node, count, size, true); });
+            }
+            rates.push_back(with.rate() / without.rate());
+            cpus.push_back(with.cpu_microseconds_per_message /
+                           without.cpu_microseconds_per_message);
+        }
+        std::printf("send %-6s %llu messages a run: throughput %s   CPU a message %s\n",
+                    sizeText(size).c_str(), static_cast<unsigned long long>(count),
+                    quartiles(rates).c_str(), quartiles(cpus).c_str());
+        std::fflush(stdout);
+    }
+    std::printf("load average (1 min): %s\n", loadAverage().c_str());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -785,6 +841,12 @@ int main(int argc, char** argv) {
             std::printf("%s %s: %.0f msg/s, %.1f allocations a message\n", options.profile.c_str(),
                         sizeText(size).c_str(), run.rate(), run.allocations_per_message);
         }
+        zmq_ctx_term(context);
+        return 0;
+    }
+
+    if (options.watchCostPairs > 0) {
+        watchCost(context, node, watchdog, options);
         zmq_ctx_term(context);
         return 0;
     }
