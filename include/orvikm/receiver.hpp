@@ -73,6 +73,11 @@ private:
     // expectMore for the receiver's own section names, which builds the
     // section's string only when it throws.
     void expect_more(const char* section);
+    // receive_headers() into `headers`. With `alone` given, a section that is
+    // exactly one header with that key leaves the map empty, its value in
+    // *value, and returns true; any other section is read as receive_headers()
+    // reads it.
+    bool read_headers(internal_objects::HeaderMap& headers, const char* alone, std::string* value);
     // receive_payload without the heap allocation of the returned pointer.
     Payload take_payload(internal_objects::HeaderMap& headers);
 

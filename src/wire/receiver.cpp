@@ -17,6 +17,13 @@ using internal_objects::HeaderMap;
 using internal_objects::PayloadRequest;
 using internal_objects::Request;
 
+namespace {
+
+// The one header of an acknowledgement (internal_objects::Ack).
+const char* const ack_id_key = "msg_id";
+
+}  // namespace
+
 Receiver::Receiver(wxblt::Socket* socket) : socket(socket), frame{}, frameSize(0) {}
 
 Receiver::Receiver(Receiver&& other) noexcept
@@ -31,9 +38,18 @@ std::unique_ptr<Request> Receiver::receive() {
     try {
         std::list<std::string> routes = receive_routes();
         command = receive_command();
+        const bool isAck = command == internal_objects::Ack::_wire_name;
         HeaderMap headers;
+        // An acknowledgement's one header, when it is the only one: the
+        // client reads one for every message it sends, and needs no map for it.
+        std::string ackId;
+        bool ackIdAlone = false;
         try {
-            headers = receive_headers();
+            if (isAck) {
+                ackIdAlone = read_headers(headers, ack_id_key, &ackId);
+            } else {
+                headers = receive_headers();
+            }
         } catch (orviku::Exception& error) {
             error.addContext("While trying to receive protocol headers of request");
             throw;
@@ -50,8 +66,11 @@ std::unique_ptr<Request> Receiver::receive() {
             receive_termination();
             return std::make_unique<internal_objects::Inbox>(headers);
         }
-        if (command == internal_objects::Ack::_wire_name) {
+        if (isAck) {
             receive_termination();
+            if (ackIdAlone) {
+                return std::make_unique<internal_objects::Ack>(std::move(ackId));
+            }
             return std::make_unique<internal_objects::Ack>(headers);
         }
         if (command == internal_objects::GetRegistry::_wire_name) {
@@ -131,10 +150,16 @@ std::string Receiver::receive_command() {
 }
 
 HeaderMap Receiver::receive_headers() {
+    HeaderMap headers;
+    read_headers(headers, nullptr, nullptr);
+    return headers;
+}
+
+bool Receiver::read_headers(HeaderMap& headers, const char* alone, std::string* value) {
     try {
-        HeaderMap headers;
         expect_more("Headers");
         readFrame("Headers");
+        bool first = true;
         while (!is_delimiter_frame()) {
             // Like a search in a zero-terminated string, but never past the
             // frame's end: a zero byte before any separator means there is none.
@@ -151,20 +176,35 @@ HeaderMap Receiver::receive_headers() {
                 message += '"';
                 throw ProtocolError(std::move(message));
             }
+            if (first && alone != nullptr && separator == std::strlen(alone) &&
+                std::memcmp(frame, alone, separator) == 0) {
+                // Kept aside: it is the whole section unless more headers
+                // follow, and then it goes into the map as any first header.
+                value->assign(frame + separator + 1, frameSize - separator - 1);
+                expect_more("Header delimiter");
+                readFrame("Headers");
+                if (is_delimiter_frame()) {
+                    return true;
+                }
+                headers.emplace(alone, std::move(*value));
+                first = false;
+                continue;
+            }
+            first = false;
             frame[separator] = 0;
             std::string key(frame, separator);
-            std::string value(frame + separator + 1, frameSize - separator - 1);
+            std::string headerValue(frame + separator + 1, frameSize - separator - 1);
             // Headers arrive in key order, so each normally belongs at the
             // end; a repeated key still replaces the earlier value.
             if (headers.empty() || headers.rbegin()->first < key) {
-                headers.emplace_hint(headers.end(), std::move(key), std::move(value));
+                headers.emplace_hint(headers.end(), std::move(key), std::move(headerValue));
             } else {
-                headers.insert_or_assign(std::move(key), std::move(value));
+                headers.insert_or_assign(std::move(key), std::move(headerValue));
             }
             expect_more("Header delimiter");
             readFrame("Headers");
         }
-        return headers;
+        return false;
     } catch (orviku::Exception& error) {
         error.addContext("While trying to receive headers");
         throw;

@@ -728,6 +728,58 @@ TEST_F(ReceiverTest, AckDecodingErrorCarriesOnlyItsOwnAndTheOuterContext) {
     expectProtocolError(error, kMissingMsgIdMessage, {kAckDecodingContext, kDecodeAckContext});
 }
 
+// An acknowledgement whose one header is its id is read without a header
+// map; whatever follows the id is read as any header section is.
+TEST_F(ReceiverTest, AckIdFollowedByAnotherHeaderIsRefusedForTheLeftoverKey) {
+    send(requestFrames({}, "ACK", {"msg_id|" + kMessageId, "x|1"}, kDelimiter));
+
+    const auto error = errorOfReceive<ProtocolError>();
+
+    expectProtocolError(error,
+                        "Did not expect more headers for request \"ACK\". Unexpected headers "
+                        "are: (x|1)",
+                        {kAckDecodingContext, kDecodeAckContext});
+}
+
+TEST_F(ReceiverTest, AckIdFollowedByAHeaderThatSortsBeforeItKeepsTheId) {
+    send(requestFrames({}, "ACK", {"msg_id|" + kMessageId, "a|1"}, kDelimiter));
+
+    const auto error = errorOfReceive<ProtocolError>();
+
+    expectProtocolError(error,
+                        "Did not expect more headers for request \"ACK\". Unexpected headers "
+                        "are: (a|1)",
+                        {kAckDecodingContext, kDecodeAckContext});
+}
+
+TEST_F(ReceiverTest, AckIdFollowedByAFrameWithoutSeparatorIsRefused) {
+    send(requestFrames({}, "ACK", {"msg_id|" + kMessageId, "novalue"}, kDelimiter));
+
+    const auto error = errorOfReceive<ProtocolError>();
+
+    expectProtocolError(error,
+                        "Headers formatted incorrectly in request. No \"|\" found in \"novalue\"",
+                        {kHeadersContext, kProtocolHeadersContext, kDecodeAckContext});
+}
+
+TEST_F(ReceiverTest, AckHeaderWhoseKeyOnlyBeginsWithTheIdKeyIsNoId) {
+    send(requestFrames({}, "ACK", {"msg_idx|" + kMessageId}, kDelimiter));
+
+    const auto error = errorOfReceive<ProtocolError>();
+
+    expectProtocolError(error, kMissingMsgIdMessage, {kAckDecodingContext, kDecodeAckContext});
+}
+
+TEST_F(ReceiverTest, AckWithAnEmptyIdIsAnAckWithAnEmptyId) {
+    send(requestFrames({}, "ACK", {"msg_id|"}, kDelimiter));
+
+    const std::unique_ptr<Request> request = receive();
+
+    const auto* ack = dynamic_cast<const Ack*>(request.get());
+    ASSERT_NE(ack, nullptr);
+    EXPECT_EQ(ack->messageId(), "");
+}
+
 TEST_F(ReceiverTest, GetRegistryDecodingErrorCarriesOnlyItsOwnAndTheOuterContext) {
     send(requestFrames({}, "GREG", {"x|1"}, kDelimiter));
 
