@@ -108,6 +108,13 @@ public:
         const std::function<void(std::string_view key, std::string_view value)>& visit) const;
 
 private:
+    friend class Receiver;
+    // A message as the decoding constructor makes it from the headers every
+    // sender writes, without the map: the Receiver checks that the values are
+    // ones handle_protocol_headers takes as they are.
+    Message(Payload payload, std::list<std::string> routes, std::string id, std::string appId,
+            std::chrono::seconds validFor, AckMode ackMode, const std::string& origin);
+
     std::string msg_id;
     std::vector<std::string> origin_nodes;
     Config config;

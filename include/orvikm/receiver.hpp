@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -73,13 +74,18 @@ private:
     // expectMore for the receiver's own section names, which builds the
     // section's string only when it throws.
     void expect_more(const char* section);
-    // receive_headers() into `headers`. With `alone` given, a section that is
-    // exactly one header with that key leaves the map empty, its value in
-    // *value, and returns true; any other section is read as receive_headers()
-    // reads it.
-    bool read_headers(internal_objects::HeaderMap& headers, const char* alone, std::string* value);
+    // receive_headers() into `headers`. A section that is exactly the
+    // headers keys[0..count), in that order, leaves the map empty, their
+    // values in values[0..count), and returns true; any other section is read
+    // as receive_headers() reads it.
+    bool read_headers(internal_objects::HeaderMap& headers, const char* const* keys,
+                      std::size_t count, std::string* values);
     // receive_payload without the heap allocation of the returned pointer.
     Payload take_payload(internal_objects::HeaderMap& headers);
+    // As above, with "p_size" and "p_type" already read.
+    Payload take_payload(unsigned long long declared, std::string type);
+    // The payload frame, once its headers are known.
+    Payload read_payload(unsigned long long declared, std::string type);
 
     wxblt::Socket* socket;
     char frame[_frame_capacity];

@@ -81,6 +81,14 @@ Message::Message(Payload payload, std::list<std::string> routes,
     config.push_routes = std::move(routes);
 }
 
+Message::Message(Payload payload, std::list<std::string> routes, std::string id, std::string appId,
+                 std::chrono::seconds validFor, AckMode ackMode, const std::string& origin)
+    : PayloadRequest(std::move(payload)),
+      msg_id(std::move(id)),
+      config(std::move(appId), std::move(routes), validFor, ackMode) {
+    decodeOrigin(origin, origin_nodes);
+}
+
 Message::Message(const Message& other)
     : Message(Payload(other.payload()), Config(other.config.app_id, other.config.push_routes,
                                                other.config.valid_for, other.config.ack_mode)) {}

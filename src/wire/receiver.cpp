@@ -20,7 +20,38 @@ using internal_objects::Request;
 namespace {
 
 // The one header of an acknowledgement (internal_objects::Ack).
-const char* const ack_id_key = "msg_id";
+const char* const ack_keys[] = {"msg_id"};
+
+// The headers of a message as every sender writes them, in key order.
+enum MessageHeader { ack_mode, app_id, id, origin, p_size, p_type, valid_for, message_headers };
+const char* const message_keys[message_headers] = {"ack_mode", "app_id", "id",       "origin",
+                                                   "p_size",   "p_type", "valid_for"};
+
+// A decimal number of at most `digits` digits, with a minus sign only where
+// `negative` allows it: what std::stoll, std::stoi and std::stoull read to the
+// same value, and nothing they would read otherwise (spaces, a plus sign,
+// text after the digits), so that such values take the decoding that calls
+// them.
+template <typename Integer>
+bool plainDecimal(const std::string& text, std::size_t digits, bool negative, Integer& value) {
+    std::size_t at = 0;
+    const bool minus = negative && !text.empty() && text[0] == '-';
+    if (minus) {
+        at = 1;
+    }
+    if (text.size() == at || text.size() - at > digits) {
+        return false;
+    }
+    Integer magnitude = 0;
+    for (; at < text.size(); ++at) {
+        if (text[at] < '0' || text[at] > '9') {
+            return false;
+        }
+        magnitude = static_cast<Integer>(magnitude * 10 + (text[at] - '0'));
+    }
+    value = minus ? static_cast<Integer>(-magnitude) : magnitude;
+    return true;
+}
 
 }  // namespace
 
@@ -39,14 +70,18 @@ std::unique_ptr<Request> Receiver::receive() {
         std::list<std::string> routes = receive_routes();
         command = receive_command();
         const bool isAck = command == internal_objects::Ack::_wire_name;
+        const bool isMessage = command == Message::_wire_name;
         HeaderMap headers;
-        // An acknowledgement's one header, when it is the only one: the
-        // client reads one for every message it sends, and needs no map for it.
-        std::string ackId;
-        bool ackIdAlone = false;
+        // The headers of a message or an acknowledgement as every sender
+        // writes them are read without a map: the client reads one or the
+        // other for every message it sends or receives.
+        std::string values[message_headers];
+        bool usual = false;
         try {
             if (isAck) {
-                ackIdAlone = read_headers(headers, ack_id_key, &ackId);
+                usual = read_headers(headers, ack_keys, 1, values);
+            } else if (isMessage) {
+                usual = read_headers(headers, message_keys, message_headers, values);
             } else {
                 headers = receive_headers();
             }
@@ -54,7 +89,24 @@ std::unique_ptr<Request> Receiver::receive() {
             error.addContext("While trying to receive protocol headers of request");
             throw;
         }
-        if (command == Message::_wire_name) {
+        if (isMessage) {
+            long long validFor = 0;
+            int ackMode = 0;
+            unsigned long long declared = 0;
+            if (usual && plainDecimal(values[valid_for], 18, true, validFor) &&
+                plainDecimal(values[ack_mode], 9, true, ackMode) &&
+                plainDecimal(values[p_size], 19, false, declared)) {
+                Payload payload = take_payload(declared, std::move(values[p_type]));
+                return std::unique_ptr<Message>(
+                    new Message(std::move(payload), std::move(routes), std::move(values[id]),
+                                std::move(values[app_id]), std::chrono::seconds(validFor),
+                                static_cast<Message::AckMode>(ackMode), values[origin]));
+            }
+            if (usual) {
+                for (std::size_t key = 0; key < message_headers; ++key) {
+                    headers.emplace_hint(headers.end(), message_keys[key], std::move(values[key]));
+                }
+            }
             Payload payload = take_payload(headers);
             return std::make_unique<Message>(std::move(payload), std::move(routes), headers);
         }
@@ -68,8 +120,8 @@ std::unique_ptr<Request> Receiver::receive() {
         }
         if (isAck) {
             receive_termination();
-            if (ackIdAlone) {
-                return std::make_unique<internal_objects::Ack>(std::move(ackId));
+            if (usual) {
+                return std::make_unique<internal_objects::Ack>(std::move(values[0]));
             }
             return std::make_unique<internal_objects::Ack>(headers);
         }
@@ -151,15 +203,25 @@ std::string Receiver::receive_command() {
 
 HeaderMap Receiver::receive_headers() {
     HeaderMap headers;
-    read_headers(headers, nullptr, nullptr);
+    read_headers(headers, nullptr, 0, nullptr);
     return headers;
 }
 
-bool Receiver::read_headers(HeaderMap& headers, const char* alone, std::string* value) {
+bool Receiver::read_headers(HeaderMap& headers, const char* const* keys, std::size_t count,
+                            std::string* values) {
     try {
         expect_more("Headers");
         readFrame("Headers");
-        bool first = true;
+        // The headers read so far are keys[0..kept), in values; once one
+        // differs they go into the map, and so does everything after them.
+        std::size_t kept = 0;
+        bool inMap = count == 0;
+        const auto toMap = [&] {
+            for (std::size_t key = 0; key < kept; ++key) {
+                headers.emplace_hint(headers.end(), keys[key], std::move(values[key]));
+            }
+            inMap = true;
+        };
         while (!is_delimiter_frame()) {
             // Like a search in a zero-terminated string, but never past the
             // frame's end: a zero byte before any separator means there is none.
@@ -176,33 +238,33 @@ bool Receiver::read_headers(HeaderMap& headers, const char* alone, std::string* 
                 message += '"';
                 throw ProtocolError(std::move(message));
             }
-            if (first && alone != nullptr && separator == std::strlen(alone) &&
-                std::memcmp(frame, alone, separator) == 0) {
-                // Kept aside: it is the whole section unless more headers
-                // follow, and then it goes into the map as any first header.
-                value->assign(frame + separator + 1, frameSize - separator - 1);
-                expect_more("Header delimiter");
-                readFrame("Headers");
-                if (is_delimiter_frame()) {
-                    return true;
-                }
-                headers.emplace(alone, std::move(*value));
-                first = false;
-                continue;
-            }
-            first = false;
-            frame[separator] = 0;
-            std::string key(frame, separator);
-            std::string headerValue(frame + separator + 1, frameSize - separator - 1);
-            // Headers arrive in key order, so each normally belongs at the
-            // end; a repeated key still replaces the earlier value.
-            if (headers.empty() || headers.rbegin()->first < key) {
-                headers.emplace_hint(headers.end(), std::move(key), std::move(headerValue));
+            if (!inMap && kept < count && separator == std::strlen(keys[kept]) &&
+                std::memcmp(frame, keys[kept], separator) == 0) {
+                values[kept].assign(frame + separator + 1, frameSize - separator - 1);
+                ++kept;
             } else {
-                headers.insert_or_assign(std::move(key), std::move(headerValue));
+                if (!inMap) {
+                    toMap();
+                }
+                frame[separator] = 0;
+                std::string key(frame, separator);
+                std::string value(frame + separator + 1, frameSize - separator - 1);
+                // Headers arrive in key order, so each normally belongs at the
+                // end; a repeated key still replaces the earlier value.
+                if (headers.empty() || headers.rbegin()->first < key) {
+                    headers.emplace_hint(headers.end(), std::move(key), std::move(value));
+                } else {
+                    headers.insert_or_assign(std::move(key), std::move(value));
+                }
             }
             expect_more("Header delimiter");
             readFrame("Headers");
+        }
+        if (!inMap && kept == count) {
+            return true;
+        }
+        if (!inMap) {
+            toMap();
         }
         return false;
     } catch (orviku::Exception& error) {
@@ -238,26 +300,40 @@ Payload Receiver::take_payload(HeaderMap& headers) {
         const unsigned long long declared =
             std::stoull(take_payload_header(headers, PayloadRequest::_payload_sz_hdr_key));
         std::string type = take_payload_header(headers, PayloadRequest::_payload_type_hdr_key);
-        // The frame is taken whole before anything is allocated, so a declared
-        // size is never trusted beyond the bytes that really arrived.
-        const wxblt::Frame body = socket->recvFrame();
-        const auto size = static_cast<unsigned>(declared);
-        if (body.size() < size) {
-            throw ProtocolError("Payload frame holds " + std::to_string(body.size()) +
-                                " bytes but \"p_size\" declares " + std::to_string(size));
-        }
-        Payload payload(size, std::move(type));
-        if (payload.size() > 0) {
-            std::memcpy(payload.getBuffer(), body.data(), payload.size());
-        }
-        if (socket->checkMore()) {
-            throw ProtocolError("We don't expect more frames after the payload");
-        }
-        return payload;
+        return read_payload(declared, std::move(type));
     } catch (orviku::Exception& error) {
         error.addContext("While trying to receive payload");
         throw;
     }
+}
+
+Payload Receiver::take_payload(unsigned long long declared, std::string type) {
+    try {
+        expect_more("Payload");
+        return read_payload(declared, std::move(type));
+    } catch (orviku::Exception& error) {
+        error.addContext("While trying to receive payload");
+        throw;
+    }
+}
+
+Payload Receiver::read_payload(unsigned long long declared, std::string type) {
+    // The frame is taken whole before anything is allocated, so a declared
+    // size is never trusted beyond the bytes that really arrived.
+    const wxblt::Frame body = socket->recvFrame();
+    const auto size = static_cast<unsigned>(declared);
+    if (body.size() < size) {
+        throw ProtocolError("Payload frame holds " + std::to_string(body.size()) +
+                            " bytes but \"p_size\" declares " + std::to_string(size));
+    }
+    Payload payload(size, std::move(type));
+    if (payload.size() > 0) {
+        std::memcpy(payload.getBuffer(), body.data(), payload.size());
+    }
+    if (socket->checkMore()) {
+        throw ProtocolError("We don't expect more frames after the payload");
+    }
+    return payload;
 }
 
 void Receiver::receive_termination() {

@@ -1,5 +1,6 @@
 #include <orvikm/receiver.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -261,6 +262,104 @@ TEST_F(ReceiverTest, CommandMsgBuildsAMessageFromRoutesHeadersAndPayload) {
     EXPECT_EQ(message->originNodes(), (std::vector<std::string>{"alpha", "beta"}));
     EXPECT_EQ(wiretest::bytesOf(message->payload()), kBody);
     EXPECT_EQ(message->payload().type(), kPayloadType);
+}
+
+// A message's headers as every sender writes them are read without a map;
+// anything else about them is read as it always was.
+const Message* messageOf(const std::unique_ptr<Request>& request) {
+    return dynamic_cast<const Message*>(request.get());
+}
+
+TEST_F(ReceiverTest, UsualHeadersInAnotherOrderDecodeTheSameMessage) {
+    Frames headers = messageHeaders();
+    std::reverse(headers.begin(), headers.end());
+    send(requestFrames({"r1"}, "MSG", headers, kBody));
+
+    const std::unique_ptr<Request> request = receive();
+
+    const Message* message = messageOf(request);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(message->msgId(), kMessageId);
+    EXPECT_EQ(message->appId(), kAppId);
+    EXPECT_EQ(message->validFor(), 45s);
+    EXPECT_EQ(message->ackMode(), Message::AckMode::ByReceivers);
+    EXPECT_EQ(message->originNodes(), (std::vector<std::string>{"alpha", "beta"}));
+    EXPECT_EQ(wiretest::bytesOf(message->payload()), kBody);
+}
+
+TEST_F(ReceiverTest, NumbersInOtherFormsAreReadAsTheStandardConversionsReadThem) {
+    Frames headers = withHeader(messageHeaders(), "valid_for", "+7");
+    headers = withHeader(headers, "ack_mode", " 1");
+    headers = withHeader(headers, "p_size", "5 and more");
+    send(requestFrames({}, "MSG", headers, kBody));
+
+    const std::unique_ptr<Request> request = receive();
+
+    const Message* message = messageOf(request);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(message->validFor(), 7s);
+    EXPECT_EQ(message->ackMode(), Message::AckMode::ByNode);
+    EXPECT_EQ(wiretest::bytesOf(message->payload()), kBody);
+}
+
+TEST_F(ReceiverTest, NegativeValidityAndAckModeAreRead) {
+    Frames headers = withHeader(messageHeaders(), "valid_for", "-3");
+    headers = withHeader(headers, "ack_mode", "-1");
+    send(requestFrames({}, "MSG", headers, kBody));
+
+    const std::unique_ptr<Request> request = receive();
+
+    const Message* message = messageOf(request);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(message->validFor(), -3s);
+    EXPECT_EQ(static_cast<int>(message->ackMode()), -1);
+}
+
+TEST_F(ReceiverTest, LargestValidityIsRead) {
+    send(requestFrames({}, "MSG", withHeader(messageHeaders(), "valid_for", "9223372036854775807"),
+                       kBody));
+
+    const std::unique_ptr<Request> request = receive();
+
+    const Message* message = messageOf(request);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(message->validFor(), std::chrono::seconds::max());
+}
+
+TEST_F(ReceiverTest, NineteenDigitPayloadSizeIsCutTo32BitsAsAnyOther) {
+    const unsigned long long declared = 9999999999999999999ULL;
+    send(requestFrames({}, "MSG", withHeader(messageHeaders(), "p_size", std::to_string(declared)),
+                       kBody));
+
+    const auto error = errorOfReceive<ProtocolError>();
+
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(std::string(error->what()), "Payload frame holds 5 bytes but \"p_size\" declares " +
+                                              std::to_string(static_cast<unsigned>(declared)));
+}
+
+TEST_F(ReceiverTest, HeaderBeyondTheUsualOnesIsRefusedAsLeftOver) {
+    Frames headers = messageHeaders();
+    headers.insert(headers.begin() + 2, "b|1");
+    send(requestFrames({}, "MSG", headers, kBody));
+
+    const auto error = errorOfReceive<ProtocolError>();
+
+    expectProtocolError(
+        error, "Did not expect more headers for request \"MSG\". Unexpected headers are: (b|1)",
+        {kMessageDecodingContext, kDecodeMsgContext});
+}
+
+TEST_F(ReceiverTest, UsualHeaderRepeatedKeepsItsLastValue) {
+    Frames headers = messageHeaders();
+    headers.push_back("valid_for|46");
+    send(requestFrames({}, "MSG", headers, kBody));
+
+    const std::unique_ptr<Request> request = receive();
+
+    const Message* message = messageOf(request);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(message->validFor(), 46s);
 }
 
 TEST_F(ReceiverTest, CommandRegBuildsARegistryWithThePayload) {
