@@ -83,7 +83,6 @@ public:
         return {static_cast<const char*>(zmq_msg_data(&_message)), zmq_msg_size(&_message)};
     }
     bool more() { return zmq_msg_more(&_message) != 0; }
-    int connection() { return zmq_msg_get(&_message, ZMQ_SRCFD); }
 
 private:
     zmq_msg_t _message;
@@ -133,7 +132,9 @@ DevNode::DevNode(DevNodeOptions options, std::ostream& log)
       _publisher(wxblt::SocketType::Pub),
       _router(wxblt::SocketType::Router),
       _connection_events(wxblt::SocketType::Pair),
-      _router_receiver(&_router),
+      _decoder_feed(wxblt::SocketType::Pair),
+      _decoder_input(wxblt::SocketType::Pair),
+      _decoder(&_decoder_input),
       _listener_port(0),
       _dispenser_port(0),
       _seen(_options.maxApplications),
@@ -144,8 +145,8 @@ DevNode::DevNode(DevNodeOptions options, std::ostream& log)
     // in silence, and publish() decides what follows.
     _publisher.setSendHighWaterMark(_options.subscriberQueue);
     setLossless(true);
-    // The node reads the router's frames with libzmq's own calls as well
-    // (receiveRoutes()), so the socket must not read ahead (setReadAhead()).
+    // The node reads the router's frames with libzmq's own calls
+    // (RequestFrames), so the socket must not read ahead (setReadAhead()).
     // Answers are limited in bytes per dealer (answer()), not in number.
     _router.setSendHighWaterMark(0);
     _router.setReceiveHighWaterMark(kInboundQueue);
@@ -168,6 +169,15 @@ DevNode::DevNode(DevNodeOptions options, std::ostream& log)
     }
     _connection_events.setReceiveHighWaterMark(0);
     _connection_events.connect(events);
+
+    // The pair holds one request at a time, which it must take whole, however
+    // many frames it has.
+    const std::string decoding =
+        "inproc://orvik-devnode-decoding-" + std::to_string(reinterpret_cast<std::uintptr_t>(this));
+    _decoder_feed.setSendHighWaterMark(0);
+    _decoder_input.setReceiveHighWaterMark(0);
+    _decoder_feed.bind(decoding);
+    _decoder_input.connect(decoding);
 
     _publisher.bind("tcp://127.0.0.1:" + std::to_string(_options.listenerPort));
     _router.bind("tcp://127.0.0.1:" + std::to_string(_options.dispenserPort));
@@ -195,19 +205,62 @@ void DevNode::run(const std::atomic<bool>& stop) {
 }
 
 void DevNode::serveOne() {
-    std::string sender;
-    bool more = false;
-    {
-        ReceivedFrame identity(_router.handle());
-        sender.assign(identity.bytes());
-        more = identity.more();
-    }
-    if (!more) {
-        logMalformed(sender, "no frames after the identity");
+    try {
+        // No well-formed message has more frames than that; the decoding
+        // reads the rest of a longer request.
+        _frames.receive(_router.handle(), _options.maxRoutes + kMessageFramesBesidesRoutes, true);
+    } catch (const std::bad_alloc&) {
+        _router.flushMessage();
+        const std::string sender(_frames.size() > 0 ? _frames.bytes(0) : std::string_view());
+        logLimited("malformed|" + sender, "malformed requests from " + printable(sender),
+                   "request from " + printable(sender) + " dropped: not enough memory for it");
         return;
     }
+    _sender.assign(_frames.bytes(0));
+    if (_frames.size() == 1 && _frames.complete()) {
+        logMalformed(_sender, "no frames after the identity");
+        return;
+    }
+    _request_connection = _frames.connection();
+    if (const std::optional<WellFormedMessage> message =
+            wellFormedMessage(_frames, _options.maxRoutes)) {
+        noteConnection(_sender, _request_connection);
+        serveWellFormed(_sender, *message);
+        return;
+    }
+    // Decoded as it always was, so that whatever the decoding refuses or
+    // changes is refused, logged or changed exactly as before.
+    _frames.passOn(_decoder_feed.handle(), _router.handle());
+    serveDecoded(_sender);
+}
+
+// Serves the message as handleMessage() serves the Message decoded from it.
+// Its frames are passed on as they came: Message would encode them again to
+// the same bytes (WellFormedMessage).
+void DevNode::serveWellFormed(const std::string& sender, const WellFormedMessage& message) {
+    try {
+        // Publishing gives the frames up, the id's among them.
+        _id.assign(message.id);
+        _routes.clear();
+        for (std::size_t route = 1; route <= message.routes; ++route) {
+            _routes.push_back(_frames.bytes(route));
+        }
+        if (!acknowledge(sender, _id, message.appId, _routes)) {
+            return;
+        }
+        distinctRoutes(_routes);
+        const std::size_t bytes = _frames.bytes(message.payload).size();
+        publishFrames(sender, message);
+        logPublished(sender, _id, bytes, _routes.size());
+    } catch (const std::bad_alloc&) {
+        logLimited("memory|" + sender, "requests dropped for want of memory",
+                   std::string(orvikm::Message::_wire_name) + " from " + printable(sender) +
+                       " dropped: not enough memory to serve it");
+    }
+}
+
+void DevNode::serveDecoded(const std::string& sender) {
     std::unique_ptr<Request> request;
-    _request_connection = -1;
     try {
         request = receiveRequest(sender);
     } catch (const wxblt::ZmqTermination&) {
@@ -217,13 +270,13 @@ void DevNode::serveOne() {
         logMalformed(sender, describeOnOneLine(error));
         return;
     } catch (const std::bad_alloc&) {
-        _router.flushMessage();
+        _decoder_input.flushMessage();
         logLimited("malformed|" + sender, "malformed requests from " + printable(sender),
                    "request from " + printable(sender) + " dropped: not enough memory for it");
         return;
     } catch (const std::exception& error) {
         // Errors outside the orviku family leave the rest of the request unread.
-        _router.flushMessage();
+        _decoder_input.flushMessage();
         noteConnection(sender, _request_connection);
         logMalformed(sender, describeForeign(error));
         return;
@@ -261,23 +314,22 @@ void DevNode::serveOne() {
 }
 
 // Receiver::receive() with a route section of the node's own: it keeps at
-// most maxRoutes routes, however many come, and it learns which connection
-// the request came from (ZMQ_SRCFD), which the identity frame does not carry.
-// Returns nothing for a request refused for its number of routes.
+// most maxRoutes routes, however many come. Returns nothing for a request
+// refused for its number of routes.
 std::unique_ptr<Request> DevNode::receiveRequest(const std::string& sender) {
     std::string command;
     try {
         Routes routes = receiveRoutes();
-        command = _router_receiver.receive_command();
+        command = _decoder.receive_command();
         HeaderMap headers;
         try {
-            headers = _router_receiver.receive_headers();
+            headers = _decoder.receive_headers();
         } catch (orviku::Exception& error) {
             error.addContext("While trying to receive protocol headers of request");
             throw;
         }
         if (routes.count > _options.maxRoutes) {
-            _router.flushMessage();
+            _decoder_input.flushMessage();
             logLimited("routes|" + sender,
                        "requests with too many routes from " + printable(sender),
                        printable(command) + " " + headerOr(headers, "id", "(no id)") + " from " +
@@ -287,24 +339,24 @@ std::unique_ptr<Request> DevNode::receiveRequest(const std::string& sender) {
             return nullptr;
         }
         if (command == orvikm::Message::_wire_name) {
-            std::unique_ptr<orvikm::Payload> payload = _router_receiver.receive_payload(headers);
+            std::unique_ptr<orvikm::Payload> payload = _decoder.receive_payload(headers);
             return std::make_unique<orvikm::Message>(std::move(*payload), std::move(routes.kept),
                                                      headers);
         }
         if (command == orvikm::Registry::_wire_name) {
-            std::unique_ptr<orvikm::Payload> payload = _router_receiver.receive_payload(headers);
+            std::unique_ptr<orvikm::Payload> payload = _decoder.receive_payload(headers);
             return std::make_unique<orvikm::Registry>(std::move(*payload), headers);
         }
         if (command == orvikm::internal_objects::Inbox::_wire_name) {
-            _router_receiver.receive_termination();
+            _decoder.receive_termination();
             return std::make_unique<orvikm::internal_objects::Inbox>(headers);
         }
         if (command == orvikm::internal_objects::Ack::_wire_name) {
-            _router_receiver.receive_termination();
+            _decoder.receive_termination();
             return std::make_unique<orvikm::internal_objects::Ack>(headers);
         }
         if (command == orvikm::internal_objects::GetRegistry::_wire_name) {
-            _router_receiver.receive_termination();
+            _decoder.receive_termination();
             return std::make_unique<orvikm::internal_objects::GetRegistry>(headers);
         }
         throw orvikm::ProtocolError("Unrecognised command name: " + command);
@@ -314,7 +366,7 @@ std::unique_ptr<Request> DevNode::receiveRequest(const std::string& sender) {
             context += " (" + command + ")";
         }
         error.addContext(std::move(context));
-        _router.flushMessage();
+        _decoder_input.flushMessage();
         throw;
     }
 }
@@ -323,10 +375,7 @@ DevNode::Routes DevNode::receiveRoutes() {
     try {
         Routes routes;
         while (true) {
-            ReceivedFrame frame(_router.handle());
-            if (_request_connection < 0) {
-                _request_connection = frame.connection();
-            }
+            ReceivedFrame frame(_decoder_input.handle());
             const std::string_view bytes = frame.bytes();
             if (bytes == kDelimiter) {
                 return routes;
@@ -353,42 +402,64 @@ DevNode::Routes DevNode::receiveRoutes() {
 }
 
 void DevNode::handleMessage(const std::string& sender, orvikm::Message& message) {
-    _seen.see(message.appId(), std::chrono::system_clock::now());
-    // The printable id is made only for a log line.
-    const auto id = [&message] { return printable(message.msgId()); };
-    answer(sender, message.generate_ack(), nullptr, kDelimiter,
-           [&id] { return "acknowledgement of MSG " + id(); });
-    if (message.pushRoutes().empty()) {
-        logLimited("unrouted|" + sender, "messages without push routes from " + printable(sender),
-                   "MSG " + id() + " from " + printable(sender) +
-                       " has no push routes: acknowledged and dropped");
+    _routes.assign(message.pushRoutes().begin(), message.pushRoutes().end());
+    if (!acknowledge(sender, message.msgIdView(), message.appId(), _routes)) {
         return;
     }
-    // Each copy carries every route of the message; one copy per distinct
-    // route is what a subscriber of each needs. One route, the usual case,
-    // needs no set to tell.
-    std::vector<std::string_view> distinct;
-    distinct.reserve(message.pushRoutes().size());
-    if (message.pushRoutes().size() == 1) {
-        distinct.push_back(message.pushRoutes().front());
-    } else {
-        std::unordered_set<std::string_view> seen;
-        for (const std::string& route : message.pushRoutes()) {
-            if (seen.insert(route).second) {
-                distinct.push_back(route);
-            }
+    distinctRoutes(_routes);
+    const std::size_t bytes = message.payload().size();
+    publish(sender, message);
+    logPublished(sender, message.msgIdView(), bytes, _routes.size());
+}
+
+bool DevNode::acknowledge(const std::string& sender, std::string_view id, std::string_view appId,
+                          const std::vector<std::string_view>& routes) {
+    _seen.see(appId, std::chrono::system_clock::now());
+    // The one header of the acknowledgement, as internal_objects::Ack writes it.
+    _ack_header.assign("msg_id");
+    _ack_header += Request::_hdr_sep;
+    _ack_header += id;
+    _answer.assign(
+        {sender, kDelimiter, orvikm::internal_objects::Ack::_wire_name, _ack_header, kDelimiter});
+    // The printable id is made only for a log line.
+    answer(sender, _answer, nullptr, kDelimiter,
+           [&id] { return "acknowledgement of MSG " + printable(id); });
+    if (routes.empty()) {
+        logLimited("unrouted|" + sender, "messages without push routes from " + printable(sender),
+                   "MSG " + printable(id) + " from " + printable(sender) +
+                       " has no push routes: acknowledged and dropped");
+        return false;
+    }
+    return true;
+}
+
+// Each copy carries every route of the message; one copy per distinct route
+// is what a subscriber of each needs. One route, the usual case, needs no set
+// to tell.
+void DevNode::distinctRoutes(const std::vector<std::string_view>& routes) {
+    _distinct.clear();
+    if (routes.size() == 1) {
+        _distinct.push_back(routes.front());
+        return;
+    }
+    std::unordered_set<std::string_view> seen;
+    for (const std::string_view route : routes) {
+        if (seen.insert(route).second) {
+            _distinct.push_back(route);
         }
     }
-    const std::size_t bytes = message.payload().size();
-    publish(sender, message, distinct);
-    if (_options.verbose) {
-        const std::size_t count = message.pushRoutes().size();
-        logLine(
-            "MSG " + id() + " from " + printable(sender) + " (" + std::to_string(bytes) +
-            " bytes, " + std::to_string(count) + " routes" +
-            (distinct.size() < count ? ", " + std::to_string(distinct.size()) + " distinct" : "") +
-            ") acknowledged and published");
+}
+
+void DevNode::logPublished(const std::string& sender, std::string_view id, std::size_t bytes,
+                           std::size_t routes) {
+    if (!_options.verbose) {
+        return;
     }
+    logLine(
+        "MSG " + printable(id) + " from " + printable(sender) + " (" + std::to_string(bytes) +
+        " bytes, " + std::to_string(routes) + " routes" +
+        (_distinct.size() < routes ? ", " + std::to_string(_distinct.size()) + " distinct" : "") +
+        ") acknowledged and published");
 }
 
 void DevNode::answerRegistry(const std::string& sender) {
@@ -412,7 +483,11 @@ void DevNode::answerRegistry(const std::string& sender) {
     // payload frame shares them with every other answer still queued.
     const orvikm::Registry registry(orvikm::Payload(
         const_cast<char*>(body->data()), static_cast<unsigned>(body->size()), "json", nullptr));
-    answer(sender, registry, body, *body, [] { return std::string("registry"); });
+    const std::vector<std::string> headers = headerFrames(registry);
+    _answer.assign({sender, kDelimiter, registry.wireName()});
+    _answer.insert(_answer.end(), headers.begin(), headers.end());
+    _answer.push_back(kDelimiter);
+    answer(sender, _answer, body, *body, [] { return std::string("registry"); });
 }
 
 // Answers are counted against the dealer until libzmq has passed them on
@@ -420,15 +495,9 @@ void DevNode::answerRegistry(const std::string& sender) {
 // dropped: a dealer that reads never gets there, one that does not read must
 // not grow the node. A dealer with nothing queued always gets its answer, so
 // a registry larger than the limit still goes to a dealer that reads.
-void DevNode::answer(const std::string& peerIdentity, const Request& request,
+void DevNode::answer(const std::string& peerIdentity, const std::vector<std::string_view>& frames,
                      std::shared_ptr<const void> owner, std::string_view body,
                      const std::function<std::string()>& what) {
-    const std::string command = request.wireName();
-    const std::vector<std::string> headers = headerFrames(request);
-    std::vector<std::string_view> frames{peerIdentity, kDelimiter, command};
-    frames.insert(frames.end(), headers.begin(), headers.end());
-    frames.push_back(kDelimiter);
-
     const std::shared_ptr<QueueAccount> queued = peer(peerIdentity).answers;
     const std::size_t cost = queuedCost(frames, body.size()) - peerIdentity.size() - kFrameCost;
     const std::size_t held = queued->bytes();
@@ -462,15 +531,64 @@ void DevNode::answer(const std::string& peerIdentity, const Request& request,
 // Publications are counted until libzmq has passed on the last copy. While
 // publishQueueBytes are waiting for subscribers, a new one is dropped for
 // everyone (unless nothing waits: one message larger than the limit still
-// goes out). A full subscriber queue (subscriberQueue messages) makes the
-// lossless publisher refuse the copy (EAGAIN), which tells the node. A
-// subscriber that reads but fell behind for a moment gets kSubscriberGrace
-// to catch up, so a burst reaches it whole. After that the copy goes out
-// lossy: dropped for that subscriber alone, which libzmq then sets aside
-// until it has read half its queue, so a subscriber that does not read costs
-// the wait once, not at every message.
-void DevNode::publish(const std::string& sender, orvikm::Message& message,
-                      const std::vector<std::string_view>& routes) {
+// goes out).
+bool DevNode::admitPublication(const std::string& sender, std::string_view id, std::size_t cost) {
+    const std::size_t held = _published->bytes();
+    if (held > 0 && held + cost > _options.publishQueueBytes) {
+        logLimited("publish", "messages not published",
+                   "MSG " + printable(id) + " from " + printable(sender) +
+                       " not published: " + std::to_string(held) +
+                       " bytes of earlier messages are still waiting for subscribers "
+                       "(--publish-queue-bytes " +
+                       std::to_string(_options.publishQueueBytes) +
+                       "); a subscriber is not reading");
+        return false;
+    }
+    return true;
+}
+
+// A full subscriber queue (subscriberQueue messages) makes the lossless
+// publisher refuse the copy (EAGAIN), which tells the node. A subscriber that
+// reads but fell behind for a moment gets kSubscriberGrace to catch up, so a
+// burst reaches it whole. After that the copy goes out lossy: dropped for
+// that subscriber alone, which libzmq then sets aside until it has read half
+// its queue, so a subscriber that does not read costs the wait once, not at
+// every message.
+template <typename SendCopy>
+void DevNode::publishCopies(std::string_view id, SendCopy sendCopy) {
+    try {
+        for (std::size_t copy = 0; copy < _distinct.size(); ++copy) {
+            const std::string_view route = _distinct[copy];
+            const bool lastCopy = copy + 1 == _distinct.size();
+            SendOutcome outcome = sendCopy(route, lastCopy);
+            const auto giveUp = std::chrono::steady_clock::now() + kSubscriberGrace;
+            while (outcome == SendOutcome::Full && std::chrono::steady_clock::now() < giveUp) {
+                std::this_thread::sleep_for(kSubscriberRetry);
+                outcome = sendCopy(route, lastCopy);
+            }
+            if (outcome == SendOutcome::Sent) {
+                continue;
+            }
+            logLimited("subscriber", "messages dropped for subscribers that are not reading",
+                       "MSG " + printable(id) + " on route " + printable(route) +
+                           " dropped for a subscriber of that route: it has " +
+                           std::to_string(_options.subscriberQueue) +
+                           " messages waiting (--subscriber-queue); it is not reading and "
+                           "gets nothing more until it has caught up");
+            setLossless(false);
+            sendCopy(route, lastCopy);
+            setLossless(true);
+        }
+    } catch (const wxblt::ZmqTermination&) {
+        throw;
+    } catch (const wxblt::Exception& error) {
+        setLossless(true);
+        logLimited("publish", "messages not published",
+                   "cannot publish MSG " + printable(id) + ": " + describeOnOneLine(error));
+    }
+}
+
+void DevNode::publish(const std::string& sender, orvikm::Message& message) {
     const std::string command = message.wireName();
     std::vector<std::string> headers;
     headers.reserve(8);
@@ -487,55 +605,47 @@ void DevNode::publish(const std::string& sender, orvikm::Message& message,
     frames.insert(frames.end(), headers.begin(), headers.end());
     frames.push_back(kDelimiter);
 
-    // The printable id is made only for a log line.
-    const auto id = [&message] { return printable(message.msgId()); };
     const std::size_t bodySize = message.payload().size();
-    std::size_t cost = bodySize + routes.size() * queuedCost(frames, 0);
-    for (const std::string_view route : routes) {
+    std::size_t cost = bodySize + _distinct.size() * queuedCost(frames, 0);
+    for (const std::string_view route : _distinct) {
         cost += route.size();
     }
-    const std::size_t held = _published->bytes();
-    if (held > 0 && held + cost > _options.publishQueueBytes) {
-        logLimited("publish", "messages not published",
-                   "MSG " + id() + " from " + printable(sender) +
-                       " not published: " + std::to_string(held) +
-                       " bytes of earlier messages are still waiting for subscribers "
-                       "(--publish-queue-bytes " +
-                       std::to_string(_options.publishQueueBytes) +
-                       "); a subscriber is not reading");
+    if (!admitPublication(sender, message.msgIdView(), cost)) {
         return;
     }
-    try {
-        const auto body = std::make_shared<orvikm::Payload>(std::move(message.payload()));
-        CountedFrame last(_published, cost, body, body->getBuffer(), bodySize);
-        for (const std::string_view route : routes) {
-            frames.front() = route;
-            SendOutcome outcome = sendWithoutWaiting(_publisher.handle(), frames, last);
-            const auto giveUp = std::chrono::steady_clock::now() + kSubscriberGrace;
-            while (outcome == SendOutcome::Full && std::chrono::steady_clock::now() < giveUp) {
-                std::this_thread::sleep_for(kSubscriberRetry);
-                outcome = sendWithoutWaiting(_publisher.handle(), frames, last);
-            }
-            if (outcome == SendOutcome::Sent) {
-                continue;
-            }
-            logLimited("subscriber", "messages dropped for subscribers that are not reading",
-                       "MSG " + id() + " on route " + printable(route) +
-                           " dropped for a subscriber of that route: it has " +
-                           std::to_string(_options.subscriberQueue) +
-                           " messages waiting (--subscriber-queue); it is not reading and "
-                           "gets nothing more until it has caught up");
-            setLossless(false);
-            sendWithoutWaiting(_publisher.handle(), frames, last);
-            setLossless(true);
-        }
-    } catch (const wxblt::ZmqTermination&) {
-        throw;
-    } catch (const wxblt::Exception& error) {
-        setLossless(true);
-        logLimited("publish", "messages not published",
-                   "cannot publish MSG " + id() + ": " + describeOnOneLine(error));
+    const auto body = std::make_shared<orvikm::Payload>(std::move(message.payload()));
+    CountedFrame last(_published, cost, body, body->getBuffer(), bodySize);
+    publishCopies(message.msgIdView(), [this, &frames, &last](std::string_view route, bool) {
+        frames.front() = route;
+        return sendWithoutWaiting(_publisher.handle(), frames, last);
+    });
+}
+
+// publish() for a well-formed message: the same frames, the received ones
+// themselves, each copy sharing their bytes; the same cost.
+void DevNode::publishFrames(const std::string& sender, const WellFormedMessage& message) {
+    _publication.clear();
+    _publication_bytes.assign(1, std::string_view());  // the topic, per copy
+    for (std::size_t frame = 1; frame < message.payload; ++frame) {
+        _publication.push_back(_frames.frame(frame));
+        _publication_bytes.push_back(_frames.bytes(frame));
     }
+    zmq_msg_t* const payload = _frames.frame(message.payload);
+    const std::size_t bodySize = _frames.bytes(message.payload).size();
+    std::size_t cost = bodySize + _distinct.size() * queuedCost(_publication_bytes, 0);
+    for (const std::string_view route : _distinct) {
+        cost += route.size();
+    }
+    if (!admitPublication(sender, _id, cost)) {
+        return;
+    }
+    CountedFrame last(_published, cost, payload);
+    // The last copy takes the frames themselves: no copies to make and close.
+    // The route of each copy is written before any frame goes.
+    publishCopies(_id, [this, &last](std::string_view route, bool lastCopy) {
+        return sendWithoutWaiting(_publisher.handle(), route, _publication,
+                                  lastCopy ? Frames::GivenUp : Frames::Copied, last);
+    });
 }
 
 void DevNode::setLossless(bool lossless) {

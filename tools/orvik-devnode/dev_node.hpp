@@ -21,7 +21,9 @@
 #include "log_limiter.hpp"
 #include "outgoing.hpp"
 #include "registry_file.hpp"
+#include "request_frames.hpp"
 #include "seen_applications.hpp"
+#include "well_formed_message.hpp"
 
 namespace orvikdev {
 
@@ -92,17 +94,40 @@ private:
         std::size_t count = 0;
     };
 
+    // Reads one request from the router. A well-formed message is served
+    // from its frames (serveWellFormed()); every other request is passed on
+    // to the library's decoding (serveDecoded()), which serves it, or
+    // refuses it and logs why.
     void serveOne();
+    void serveWellFormed(const std::string& sender, const WellFormedMessage& message);
+    // Reads the request from _decoder_input.
+    void serveDecoded(const std::string& sender);
     std::unique_ptr<orvikm::internal_objects::Request> receiveRequest(const std::string& sender);
     Routes receiveRoutes();
     void handleMessage(const std::string& sender, orvikm::Message& message);
+    // What serving a message does before it is published: the application
+    // seen, the acknowledgement, and for a message without routes the log
+    // line. Returns whether there is anything to publish.
+    bool acknowledge(const std::string& sender, std::string_view id, std::string_view appId,
+                     const std::vector<std::string_view>& routes);
+    // The routes each copy of a message goes along, in order: each once.
+    void distinctRoutes(const std::vector<std::string_view>& routes);
+    void logPublished(const std::string& sender, std::string_view id, std::size_t bytes,
+                      std::size_t routes);
     void answerRegistry(const std::string& sender);
+    // Sends `frames` (the identity first) and `body` as one answer to `peer`.
     // `what` names the answer in a log line; it is called only for one.
-    void answer(const std::string& peer, const orvikm::internal_objects::Request& request,
+    void answer(const std::string& peer, const std::vector<std::string_view>& frames,
                 std::shared_ptr<const void> owner, std::string_view body,
                 const std::function<std::string()>& what);
-    void publish(const std::string& sender, orvikm::Message& message,
-                 const std::vector<std::string_view>& routes);
+    void publish(const std::string& sender, orvikm::Message& message);
+    void publishFrames(const std::string& sender, const WellFormedMessage& message);
+    // Whether a publication of `cost` bytes may be queued now; logs why not.
+    bool admitPublication(const std::string& sender, std::string_view id, std::size_t cost);
+    // Sends one copy per route of _distinct through `sendCopy(route, last)`,
+    // `last` true for the last copy.
+    template <typename SendCopy>
+    void publishCopies(std::string_view id, SendCopy sendCopy);
     void setLossless(bool lossless);
 
     void readConnectionEvents();
@@ -121,7 +146,11 @@ private:
     wxblt::Socket _publisher;
     wxblt::Socket _router;
     wxblt::Socket _connection_events;
-    orvikm::Receiver _router_receiver;
+    // Requests other than well-formed messages go through this pair of
+    // sockets to the library's decoding, which reads a wxblt::Socket.
+    wxblt::Socket _decoder_feed;
+    wxblt::Socket _decoder_input;
+    orvikm::Receiver _decoder;
     int _listener_port;
     int _dispenser_port;
 
@@ -136,6 +165,17 @@ private:
     // Open connections of the router by descriptor, with the peer's address.
     std::unordered_map<int, std::string> _connections;
     int _request_connection = -1;  // of the request being read
+
+    // Reused from request to request.
+    RequestFrames _frames;
+    std::string _sender;
+    std::string _id;  // of the message served from its frames
+    std::string _ack_header;
+    std::vector<std::string_view> _answer;
+    std::vector<std::string_view> _routes;
+    std::vector<std::string_view> _distinct;
+    std::vector<zmq_msg_t*> _publication;              // the frames of a copy after its topic
+    std::vector<std::string_view> _publication_bytes;  // a copy's, for its cost
 };
 
 }  // namespace orvikdev

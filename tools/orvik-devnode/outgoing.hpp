@@ -31,12 +31,15 @@ constexpr std::size_t kFrameCost = 64;
 
 // The last frame of a request, holding what the whole request costs against
 // its account. Copies of it sent to several subscribers share its bytes, and
-// the cost is released once libzmq has let go of the last copy. `owner` keeps
-// the bytes at `data` alive until then.
+// the cost is released once libzmq has let go of the last copy.
 class CountedFrame {
 public:
+    // The bytes at `data`, which `owner` keeps alive until then.
     CountedFrame(std::shared_ptr<QueueAccount> account, std::size_t cost,
                  std::shared_ptr<const void> owner, const char* data, std::size_t size);
+    // The bytes of a frame the node received, which it takes over (`received`
+    // is left empty) and passes on without copying them.
+    CountedFrame(std::shared_ptr<QueueAccount> account, std::size_t cost, zmq_msg_t* received);
     CountedFrame(const CountedFrame&) = delete;
     CountedFrame& operator=(const CountedFrame&) = delete;
     // Lets go of the node's own reference; copies still queued keep the cost.
@@ -59,6 +62,18 @@ enum class SendOutcome {
 // Other failures throw wxblt::Exception.
 SendOutcome sendWithoutWaiting(void* socket, const std::vector<std::string_view>& head,
                                CountedFrame& last);
+// How sendWithoutWaiting() writes frames the node holds as libzmq's own.
+enum class Frames {
+    Copied,   // copies that share their bytes; the frames stay the caller's
+    GivenUp,  // the frames themselves, which are left empty once written
+};
+
+// Writes `first`, then the `rest` frames, which the node holds as libzmq's own
+// (received ones, say), then a copy of `last`, as one request and with the
+// same outcomes. Frames given up are left as they were when the outcome is
+// Full or Unreachable, and some of them written when it throws.
+SendOutcome sendWithoutWaiting(void* socket, std::string_view first,
+                               const std::vector<zmq_msg_t*>& rest, Frames how, CountedFrame& last);
 
 // What a request of these frames costs queued: kFrameCost per frame plus its
 // bytes, the last frame's `lastSize` included.

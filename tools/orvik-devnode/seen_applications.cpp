@@ -9,7 +9,7 @@ namespace orvikdev {
 SeenApplications::SeenApplications(std::size_t capacity)
     : _capacity(std::max<std::size_t>(1, capacity)) {}
 
-void SeenApplications::see(const std::string& appId, Clock::time_point when) {
+void SeenApplications::see(std::string_view appId, Clock::time_point when) {
     const auto found = _apps.find(appId);
     if (found != _apps.end()) {
         _recency.splice(_recency.end(), _recency, found->second.recency);

@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace orvikdev {
 
@@ -18,7 +20,7 @@ public:
 
     explicit SeenApplications(std::size_t capacity);
 
-    void see(const std::string& appId, Clock::time_point when);
+    void see(std::string_view appId, Clock::time_point when);
 
     // The registry document, in app id order:
     // {"applications":[{"app_id":"...","last_seen":"YYYY-MM-DDTHH:MM:SSZ"}]}.
@@ -35,7 +37,7 @@ private:
     };
 
     std::size_t _capacity;
-    std::map<std::string, Seen> _apps;
+    std::map<std::string, Seen, std::less<>> _apps;
     std::list<const std::string*> _recency;  // the keys of _apps, seen longest ago first
     std::shared_ptr<const std::string> _document;
 };
