@@ -94,11 +94,13 @@ private:
         std::size_t count = 0;
     };
 
-    // Reads one request from the router. A well-formed message is served
-    // from its frames (serveWellFormed()); every other request is passed on
-    // to the library's decoding (serveDecoded()), which serves it, or
-    // refuses it and logs why.
-    void serveOne();
+    // Serves up to kRequestsPerWakeUp requests, as many as are waiting.
+    void serveWaiting();
+    // Reads one request from the router, waiting for it when `wait`; false
+    // when there was none. A well-formed message is served from its frames
+    // (serveWellFormed()); every other request is passed on to the library's
+    // decoding (serveDecoded()), which serves it, or refuses it and logs why.
+    bool serveOne(bool wait);
     void serveWellFormed(const std::string& sender, const WellFormedMessage& message);
     // Reads the request from _decoder_input.
     void serveDecoded(const std::string& sender);
