@@ -12,6 +12,7 @@
 
 #include "intervals.hpp"
 #include "loop_support.hpp"
+#include "watch_table.hpp"
 
 namespace orvikm {
 
@@ -185,10 +186,24 @@ void Client::handle_request(std::unique_ptr<internal_objects::Request> request) 
         return;
     }
     if (auto* ack = dynamic_cast<internal_objects::Ack*>(request.get())) {
-        if (_watching.load(std::memory_order_relaxed)) {
-            note_acknowledged(ack->messageId());
+        if (!_watching.load(std::memory_order_relaxed)) {
+            if (_result_callbacks.runCallback(*ack)) {
+                ++_acknowledged;
+            }
+            return;
         }
-        if (_result_callbacks.runCallback(*ack)) {
+        // Fetched while the callback runs; the watch ends whether it returns
+        // or throws.
+        _watched->prefetch(ack->messageId());
+        bool ran = false;
+        try {
+            ran = _result_callbacks.runCallback(*ack);
+        } catch (...) {
+            note_acknowledged(ack->messageId());
+            throw;
+        }
+        note_acknowledged(ack->messageId());
+        if (ran) {
             ++_acknowledged;
         }
     }

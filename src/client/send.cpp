@@ -6,6 +6,7 @@
 #include <wxblt/exception.hpp>
 
 #include "limits.hpp"
+#include "watch_table.hpp"
 
 namespace orvikm {
 
@@ -13,11 +14,18 @@ void Client::send(Message message, std::function<void()> onAck) {
     // The node refuses what does not fit its frames without a word back: the
     // application hears of it here or never.
     detail::check_sendable(message);
-    if (_watching.load(std::memory_order_relaxed)) {
-        watch_queued(message, static_cast<bool>(onAck));
+    const bool watching = _watching.load(std::memory_order_relaxed);
+    const bool hasCallback = static_cast<bool>(onAck);
+    if (watching) {
+        // Fetched while the callback is registered, used just after.
+        _watched->prefetch(message.msgIdView());
     }
-    // Registered first: an acknowledgement can never outrun its callback.
+    // Registered first: an acknowledgement can never outrun its callback, nor
+    // a write its watch.
     _result_callbacks.registerCallback(message, std::move(onAck));
+    if (watching) {
+        watch_queued(message, hasCallback);
+    }
     _msg_queue.push(message);
 }
 
@@ -36,6 +44,11 @@ void Client::send(Payload payload, std::list<std::string> routes, std::chrono::s
 
 bool Client::send_one_msg() {
     return _msg_queue.performOperation([this](const Message& message) {
+        const bool watching = _watching.load(std::memory_order_relaxed);
+        if (watching) {
+            // Fetched during the write, used just after.
+            _watched->prefetch(message.msgIdView());
+        }
         try {
             _sender.send(message, nullptr);
         } catch (wxblt::Exception& error) {
@@ -47,7 +60,7 @@ bool Client::send_one_msg() {
             error.throwWithContext("While trying to send queued message id=" + message.msgId());
         }
         ++_written;
-        if (_watching.load(std::memory_order_relaxed)) {
+        if (watching) {
             note_written(message.msgIdView());
         }
         return true;

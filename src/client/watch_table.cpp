@@ -126,11 +126,14 @@ void WatchTable::store(Slot& slot, const Entry& entry) {
                                            (entry.hasCallback ? callback_flag : 0));
 }
 
-std::size_t WatchTable::home(std::uint64_t high, std::uint64_t low) const {
+std::uint64_t WatchTable::mix(std::uint64_t high, std::uint64_t low) {
     // Fibonacci hashing of both words: the top bits of the product, which
     // every bit of the id reaches.
-    const std::uint64_t mixed = (high ^ ((low << 32) | (low >> 32))) * 0x9e3779b97f4a7c15ULL;
-    return static_cast<std::size_t>(mixed >> _shift);
+    return (high ^ ((low << 32) | (low >> 32))) * 0x9e3779b97f4a7c15ULL;
+}
+
+std::size_t WatchTable::home(std::uint64_t high, std::uint64_t low) const {
+    return static_cast<std::size_t>(mix(high, low) >> _shift);
 }
 
 std::size_t WatchTable::probe(const Key& key) const {
@@ -272,10 +275,26 @@ void WatchTable::takeExpired(Clock::time_point now, std::vector<std::string>& qu
     }
 }
 
+void WatchTable::prefetch(std::string_view id) const {
+    const Slot* slots = _view_slots.load(std::memory_order_relaxed);
+    Key key;
+    if (slots == nullptr || !parse(id, key)) {
+        return;
+    }
+    __builtin_prefetch(slots +
+                       (mix(key.high, key.low) >> _view_shift.load(std::memory_order_relaxed)));
+}
+
+void WatchTable::publishView() {
+    _view_slots.store(_slots.empty() ? nullptr : _slots.data(), std::memory_order_relaxed);
+    _view_shift.store(_shift, std::memory_order_relaxed);
+}
+
 void WatchTable::clear() {
     _earliest = Clock::time_point::max();
     _slots.clear();
     _shift = 64;
+    publishView();
     _count = 0;
     _other.clear();
 }
@@ -293,6 +312,7 @@ void WatchTable::grow() {
             _slots[probe(Key{slot.high, slot.low})] = slot;
         }
     }
+    publishView();
 }
 
 }  // namespace orvikm::detail

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -49,6 +50,12 @@ public:
     void clear();
     std::size_t size() const { return _count + _other.size(); }
 
+    // Asks the processor to fetch the slot of `id` ahead of its use, so that
+    // the cache miss of a look-up overlaps the caller's other work. Safe
+    // without the watch lock, from any thread: it reads only atomics, and a
+    // prefetch never faults, even where the array has just been replaced.
+    void prefetch(std::string_view id) const;
+
 private:
     // What the table keeps of an entry besides its id.
     struct Entry {
@@ -85,6 +92,7 @@ private:
     static Entry entryOf(const Slot& slot);
     static void store(Slot& slot, const Entry& entry);
 
+    static std::uint64_t mix(std::uint64_t high, std::uint64_t low);
     std::size_t home(std::uint64_t high, std::uint64_t low) const;
     // The slot holding `key`, or the empty slot where it would go.
     std::size_t probe(const Key& key) const;
@@ -93,8 +101,13 @@ private:
     void eraseAt(std::size_t hole);
     void grow();
 
+    // What prefetch() reads of the array, kept in step by grow() and clear().
+    void publishView();
+
     std::vector<Slot> _slots;
     unsigned _shift = 64;
+    std::atomic<const Slot*> _view_slots{nullptr};
+    std::atomic<unsigned> _view_shift{64};
     std::size_t _count = 0;
     std::unordered_map<std::string, Entry> _other;
     // No deadline is earlier: until then a sweep has nothing to look at.
