@@ -348,6 +348,34 @@ TEST(ClientUnacknowledgedTest, MessageAcknowledgedInTimeIsNotReported) {
     EXPECT_TRUE(reports.ids().empty());
 }
 
+// An acknowledgement ends the watch even when its callback throws (the
+// callback stays registered, as it does without the report).
+TEST(ClientUnacknowledgedTest, AcknowledgedMessageWhoseCallbackThrowsIsNotReported) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    Message message = messageValidFor(kShortValidity);
+    const std::string id = message.msgId();
+    client.send(std::move(message), [] { throw orviku::GeneralException("callback failed"); });
+    std::vector<std::string> errors;
+    {
+        LoopThread loop(client,
+                        [&errors](orviku::Exception& error) { errors.push_back(error.what()); });
+        ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+        node.sendTo(kDispenserIdentity, testsupport::ackFrames(id));
+        ASSERT_TRUE(loop.endsWithin(kEventLimit));
+    }
+    ASSERT_EQ(errors, std::vector<std::string>{"callback failed"});
+
+    std::this_thread::sleep_for(kShortValidity + 200ms);
+    LoopThread again(client, nullptr);
+    std::this_thread::sleep_for(500ms);
+
+    EXPECT_TRUE(reports.ids().empty());
+    EXPECT_EQ(client.stats().awaitingAck, 1u);
+}
+
 TEST(ClientUnacknowledgedTest, AmongManyWatchedMessagesExactlyTheUnacknowledgedAreReported) {
     constexpr int kMessages = 2000;
     constexpr int kEveryUnacknowledged = 100;
