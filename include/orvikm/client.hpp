@@ -32,6 +32,8 @@ namespace orvikm {
 namespace detail {
 /// The watched messages of the delivery-failure report (defined in the library).
 class WatchTable;
+/// A message id as the watch table looks it up (defined in the library).
+struct WatchId;
 }  // namespace detail
 
 /// The application's connection to the local Orvik Node: a listener (subscriber)
@@ -340,9 +342,10 @@ private:
     // what is not of the orviku family. Call it inside a catch block.
     void report_loop_error(const std::function<void(orviku::Exception&)>& errorHandler);
     // The delivery-failure report's bookkeeping.
-    void watch_queued(const Message& message, bool hasCallback);
-    void note_written(std::string_view msgId);
-    void note_acknowledged(const std::string& msgId);
+    // Each takes the id its caller read to prefetch the watched entry with.
+    void watch_queued(const detail::WatchId& msgId, const Message& message, bool hasCallback);
+    void note_written(const detail::WatchId& msgId);
+    void note_acknowledged(const detail::WatchId& msgId);
     void expire_due();
 
     std::chrono::system_clock::time_point _last_inbox;

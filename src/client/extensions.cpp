@@ -83,19 +83,19 @@ void Client::onUnacknowledged(std::function<void(const std::string& msgId)> call
     }
 }
 
-void Client::watch_queued(const Message& message, bool hasCallback) {
+void Client::watch_queued(const detail::WatchId& msgId, const Message& message, bool hasCallback) {
     const Steady::time_point deadline = detail::steadyAfter(Steady::now(), message.validFor());
     std::lock_guard<std::mutex> guard(_watch_lock);
-    _watched->watch(message.msgIdView(), deadline, message.validFor(), hasCallback);
+    _watched->watch(msgId, deadline, message.validFor(), hasCallback);
 }
 
-void Client::note_written(std::string_view msgId) {
+void Client::note_written(const detail::WatchId& msgId) {
     const Steady::time_point now = Steady::now();
     std::lock_guard<std::mutex> guard(_watch_lock);
     _watched->noteWritten(msgId, now);
 }
 
-void Client::note_acknowledged(const std::string& msgId) {
+void Client::note_acknowledged(const detail::WatchId& msgId) {
     std::lock_guard<std::mutex> guard(_watch_lock);
     _watched->erase(msgId);
 }

@@ -194,15 +194,16 @@ void Client::handle_request(std::unique_ptr<internal_objects::Request> request) 
         }
         // Fetched while the callback runs; the watch ends whether it returns
         // or throws.
-        _watched->prefetch(ack->messageId());
+        const detail::WatchId id(ack->messageId());
+        _watched->prefetch(id);
         bool ran = false;
         try {
             ran = _result_callbacks.runCallback(*ack);
         } catch (...) {
-            note_acknowledged(ack->messageId());
+            note_acknowledged(id);
             throw;
         }
-        note_acknowledged(ack->messageId());
+        note_acknowledged(id);
         if (ran) {
             ++_acknowledged;
         }

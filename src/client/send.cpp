@@ -14,18 +14,19 @@ void Client::send(Message message, std::function<void()> onAck) {
     // The node refuses what does not fit its frames without a word back: the
     // application hears of it here or never.
     detail::check_sendable(message);
-    const bool watching = _watching.load(std::memory_order_relaxed);
+    if (!_watching.load(std::memory_order_relaxed)) {
+        // Registered first: an acknowledgement can never outrun its callback.
+        _result_callbacks.registerCallback(message, std::move(onAck));
+        _msg_queue.push(message);
+        return;
+    }
+    // Fetched while the callback is registered, used just after; both come
+    // before the message can be written.
+    const detail::WatchId id(message.msgIdView());
+    _watched->prefetch(id);
     const bool hasCallback = static_cast<bool>(onAck);
-    if (watching) {
-        // Fetched while the callback is registered, used just after.
-        _watched->prefetch(message.msgIdView());
-    }
-    // Registered first: an acknowledgement can never outrun its callback, nor
-    // a write its watch.
     _result_callbacks.registerCallback(message, std::move(onAck));
-    if (watching) {
-        watch_queued(message, hasCallback);
-    }
+    watch_queued(id, message, hasCallback);
     _msg_queue.push(message);
 }
 
@@ -45,9 +46,10 @@ void Client::send(Payload payload, std::list<std::string> routes, std::chrono::s
 bool Client::send_one_msg() {
     return _msg_queue.performOperation([this](const Message& message) {
         const bool watching = _watching.load(std::memory_order_relaxed);
+        // Fetched during the write, used just after.
+        const detail::WatchId id(watching ? message.msgIdView() : std::string_view());
         if (watching) {
-            // Fetched during the write, used just after.
-            _watched->prefetch(message.msgIdView());
+            _watched->prefetch(id);
         }
         try {
             _sender.send(message, nullptr);
@@ -61,7 +63,7 @@ bool Client::send_one_msg() {
         }
         ++_written;
         if (watching) {
-            note_written(message.msgIdView());
+            note_written(id);
         }
         return true;
     });

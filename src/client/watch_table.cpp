@@ -72,22 +72,30 @@ inline void writeDigits(std::uint32_t value, char* const places[8]) {
 
 }  // namespace
 
-bool WatchTable::parse(std::string_view id, Key& key) {
-    // Looked up at every send, write and acknowledgement: eight digits at a
-    // time.
+WatchId::WatchId(std::string_view id) : text(id) {
+    // Read at every send, write and acknowledgement: eight digits at a time.
     if (id.size() != id_size || id[8] != '-' || id[13] != '-' || id[18] != '-' || id[23] != '-') {
-        return false;
+        return;
     }
-    const auto* text = reinterpret_cast<const unsigned char*>(id.data());
+    const auto* bytes = reinterpret_cast<const unsigned char*>(id.data());
     std::uint32_t words[4];
-    if (!digitsOf(loadBytes(text), words[0]) ||
-        !digitsOf(loadHalves(text + 9, text + 14), words[1]) ||
-        !digitsOf(loadHalves(text + 19, text + 24), words[2]) ||
-        !digitsOf(loadBytes(text + 28), words[3])) {
+    if (!digitsOf(loadBytes(bytes), words[0]) ||
+        !digitsOf(loadHalves(bytes + 9, bytes + 14), words[1]) ||
+        !digitsOf(loadHalves(bytes + 19, bytes + 24), words[2]) ||
+        !digitsOf(loadBytes(bytes + 28), words[3])) {
+        return;
+    }
+    parsed = true;
+    high = words[0] | (static_cast<std::uint64_t>(words[1]) << 32);
+    low = words[2] | (static_cast<std::uint64_t>(words[3]) << 32);
+}
+
+bool WatchTable::Entry::noteWritten(Clock::time_point now) {
+    if (!hasCallback) {
         return false;
     }
-    key = Key{words[0] | (static_cast<std::uint64_t>(words[1]) << 32),
-              words[2] | (static_cast<std::uint64_t>(words[3]) << 32)};
+    written = true;
+    deadline = steadyAfter(now, validFor);
     return true;
 }
 
@@ -156,65 +164,54 @@ WatchTable::Slot* WatchTable::find(const Key& key) {
     return slot.flags != 0 ? &slot : nullptr;
 }
 
-void WatchTable::watch(std::string_view id, Clock::time_point deadline,
-                       std::chrono::seconds validFor, bool hasCallback) {
+void WatchTable::watch(const WatchId& id, Clock::time_point deadline, std::chrono::seconds validFor,
+                       bool hasCallback) {
     const Entry entry{deadline, validFor, false, hasCallback};
     // A write only moves a deadline later, and erasing leaves the bound a
     // bound, so only a new entry can lower it.
     _earliest = std::min(_earliest, deadline);
-    Key key;
-    if (!parse(id, key)) {
-        _other.insert_or_assign(std::string(id), entry);
+    if (!id.parsed) {
+        _other.insert_or_assign(std::string(id.text), entry);
         return;
     }
     // At most half full: probe sequences stay a slot or two long.
     if (2 * (_count + 1) > _slots.size()) {
         grow();
     }
-    Slot& slot = _slots[probe(key)];
+    Slot& slot = _slots[probe(Key{id.high, id.low})];
     if (slot.flags == 0) {
-        slot.high = key.high;
-        slot.low = key.low;
+        slot.high = id.high;
+        slot.low = id.low;
         ++_count;
     }
     store(slot, entry);
 }
 
-void WatchTable::noteWritten(std::string_view id, Clock::time_point now) {
-    Key key;
-    if (!parse(id, key)) {
-        const auto found = _other.find(std::string(id));
-        if (found == _other.end()) {
-            return;
-        }
-        if (!found->second.hasCallback) {
+void WatchTable::noteWritten(const WatchId& id, Clock::time_point now) {
+    if (!id.parsed) {
+        const auto found = _other.find(std::string(id.text));
+        if (found != _other.end() && !found->second.noteWritten(now)) {
             _other.erase(found);
-            return;
         }
-        found->second.written = true;
-        found->second.deadline = steadyAfter(now, found->second.validFor);
         return;
     }
-    Slot* slot = find(key);
+    Slot* slot = find(Key{id.high, id.low});
     if (slot == nullptr) {
         return;
     }
-    if ((slot->flags & callback_flag) == 0) {
+    Entry entry = entryOf(*slot);
+    if (!entry.noteWritten(now)) {
         eraseAt(static_cast<std::size_t>(slot - _slots.data()));
         return;
     }
-    Entry entry = entryOf(*slot);
-    entry.written = true;
-    entry.deadline = steadyAfter(now, entry.validFor);
     store(*slot, entry);
 }
 
-bool WatchTable::erase(std::string_view id) {
-    Key key;
-    if (!parse(id, key)) {
-        return _other.erase(std::string(id)) > 0;
+bool WatchTable::erase(const WatchId& id) {
+    if (!id.parsed) {
+        return _other.erase(std::string(id.text)) > 0;
     }
-    Slot* slot = find(key);
+    Slot* slot = find(Key{id.high, id.low});
     if (slot == nullptr) {
         return false;
     }
@@ -275,14 +272,13 @@ void WatchTable::takeExpired(Clock::time_point now, std::vector<std::string>& qu
     }
 }
 
-void WatchTable::prefetch(std::string_view id) const {
+void WatchTable::prefetch(const WatchId& id) const {
     const Slot* slots = _view_slots.load(std::memory_order_relaxed);
-    Key key;
-    if (slots == nullptr || !parse(id, key)) {
+    if (slots == nullptr || !id.parsed) {
         return;
     }
     __builtin_prefetch(slots +
-                       (mix(key.high, key.low) >> _view_shift.load(std::memory_order_relaxed)));
+                       (mix(id.high, id.low) >> _view_shift.load(std::memory_order_relaxed)));
 }
 
 void WatchTable::publishView() {

@@ -11,6 +11,19 @@
 
 namespace orvikm::detail {
 
+// A message id as the watch table looks it up: read once, then used for the
+// prefetch and for the look-up that follows it. `text` must outlive it.
+struct WatchId {
+    explicit WatchId(std::string_view id);
+
+    std::string_view text;
+    // In the client's form (36 characters, lower-case hex digits and four
+    // hyphens): its 16 bytes, in two words.
+    bool parsed = false;
+    std::uint64_t high = 0;
+    std::uint64_t low = 0;
+};
+
 // The watched messages of the delivery-failure report, by id: each with its
 // deadline, its validity period, and whether it has been written and has an
 // acknowledgement callback.
@@ -34,14 +47,22 @@ public:
 
     // Watches the message until `deadline`; replaces an earlier entry of the
     // same id.
-    void watch(std::string_view id, Clock::time_point deadline, std::chrono::seconds validFor,
+    void watch(const WatchId& id, Clock::time_point deadline, std::chrono::seconds validFor,
                bool hasCallback);
     // The message was written at `now`: with an acknowledgement callback its
     // deadline becomes `now` plus its validity period; without one nothing
     // waits for it, and it is no longer watched. An unknown id is ignored.
-    void noteWritten(std::string_view id, Clock::time_point now);
+    void noteWritten(const WatchId& id, Clock::time_point now);
     // Stops watching the message; false when it was not watched.
-    bool erase(std::string_view id);
+    bool erase(const WatchId& id);
+
+    // The same, for an id read at the call.
+    void watch(std::string_view id, Clock::time_point deadline, std::chrono::seconds validFor,
+               bool hasCallback) {
+        watch(WatchId(id), deadline, validFor, hasCallback);
+    }
+    void noteWritten(std::string_view id, Clock::time_point now) { noteWritten(WatchId(id), now); }
+    bool erase(std::string_view id) { return erase(WatchId(id)); }
     // Takes out every entry whose deadline is at or before `now`, and appends
     // its id to `written` or to `queued`. Looks at the entries only once the
     // earliest deadline has come.
@@ -54,7 +75,7 @@ public:
     // the cache miss of a look-up overlaps the caller's other work. Safe
     // without the watch lock, from any thread: it reads only atomics, and a
     // prefetch never faults, even where the array has just been replaced.
-    void prefetch(std::string_view id) const;
+    void prefetch(const WatchId& id) const;
 
 private:
     // What the table keeps of an entry besides its id.
@@ -63,6 +84,10 @@ private:
         std::chrono::seconds validFor;
         bool written;
         bool hasCallback;
+
+        // Notes the write at `now`; false when nothing waits for the
+        // message's acknowledgement, so that it is watched no longer.
+        bool noteWritten(Clock::time_point now);
     };
 
     // An id in the client's form, as two words.
@@ -87,7 +112,6 @@ private:
     static constexpr std::uint8_t written_flag = 2;
     static constexpr std::uint8_t callback_flag = 4;
 
-    static bool parse(std::string_view id, Key& key);
     static std::string text(const Slot& slot);
     static Entry entryOf(const Slot& slot);
     static void store(Slot& slot, const Entry& entry);
