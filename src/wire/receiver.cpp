@@ -53,6 +53,15 @@ bool plainDecimal(const std::string& text, std::size_t digits, bool negative, In
     return true;
 }
 
+// Moves the headers keys[0..count) with their values into the map, which
+// holds none that sorts after them.
+void moveToMap(HeaderMap& headers, const char* const* keys, std::size_t count,
+               std::string* values) {
+    for (std::size_t key = 0; key < count; ++key) {
+        headers.emplace_hint(headers.end(), keys[key], std::move(values[key]));
+    }
+}
+
 }  // namespace
 
 Receiver::Receiver(wxblt::Socket* socket) : socket(socket), frame{}, frameSize(0) {}
@@ -103,9 +112,7 @@ std::unique_ptr<Request> Receiver::receive() {
                                 static_cast<Message::AckMode>(ackMode), values[origin]));
             }
             if (usual) {
-                for (std::size_t key = 0; key < message_headers; ++key) {
-                    headers.emplace_hint(headers.end(), message_keys[key], std::move(values[key]));
-                }
+                moveToMap(headers, message_keys, message_headers, values);
             }
             Payload payload = take_payload(headers);
             return std::make_unique<Message>(std::move(payload), std::move(routes), headers);
@@ -217,9 +224,7 @@ bool Receiver::read_headers(HeaderMap& headers, const char* const* keys, std::si
         std::size_t kept = 0;
         bool inMap = count == 0;
         const auto toMap = [&] {
-            for (std::size_t key = 0; key < kept; ++key) {
-                headers.emplace_hint(headers.end(), keys[key], std::move(values[key]));
-            }
+            moveToMap(headers, keys, kept, values);
             inMap = true;
         };
         while (!is_delimiter_frame()) {
