@@ -34,6 +34,9 @@ namespace detail {
 class WatchTable;
 /// A message id as the watch table looks it up (defined in the library).
 struct WatchId;
+/// Written messages whose write the watch table has still to note (defined in
+/// the library).
+class WrittenIds;
 }  // namespace detail
 
 /// The application's connection to the local Orvik Node: a listener (subscriber)
@@ -344,8 +347,9 @@ private:
     // The delivery-failure report's bookkeeping.
     // Each takes the id its caller read to prefetch the watched entry with.
     void watch_queued(const detail::WatchId& msgId, const Message& message, bool hasCallback);
-    void note_written(const detail::WatchId& msgId);
     void note_acknowledged(const detail::WatchId& msgId);
+    // Notes the writes kept in _written_ids.
+    void note_written();
     void expire_due();
 
     std::chrono::system_clock::time_point _last_inbox;
@@ -396,6 +400,8 @@ private:
     std::atomic<bool> _watching{false};
     std::mutex _watch_lock;
     std::unique_ptr<detail::WatchTable> _watched;
+    // Written by the I/O thread and noted in _watched a group at a time.
+    std::unique_ptr<detail::WrittenIds> _written_ids;
     std::chrono::steady_clock::time_point _next_expiry_check;
 };
 

@@ -103,7 +103,8 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
       _id(std::move(appId)),
       _subscriptions(std::move(subscriptions)),
       _options(options),
-      _watched(std::make_unique<detail::WatchTable>()) {
+      _watched(std::make_unique<detail::WatchTable>()),
+      _written_ids(std::make_unique<detail::WrittenIds>()) {
     checkOptions(_options);
     // Neither socket limits its queues. ZeroMQ's default of 1000 messages each
     // way turns a node that is merely busy into errors and losses: a full

@@ -89,10 +89,13 @@ void Client::watch_queued(const detail::WatchId& msgId, const Message& message, 
     _watched->watch(msgId, deadline, message.validFor(), hasCallback);
 }
 
-void Client::note_written(const detail::WatchId& msgId) {
+void Client::note_written() {
+    if (_written_ids->size() == 0) {
+        return;
+    }
     const Steady::time_point now = Steady::now();
     std::lock_guard<std::mutex> guard(_watch_lock);
-    _watched->noteWritten(msgId, now);
+    _written_ids->noteIn(*_watched, now);
 }
 
 void Client::note_acknowledged(const detail::WatchId& msgId) {

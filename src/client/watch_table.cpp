@@ -5,6 +5,10 @@
 #include <limits>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "intervals.hpp"
 
 namespace orvikm::detail {
@@ -72,10 +76,9 @@ inline void writeDigits(std::uint32_t value, char* const places[8]) {
 
 }  // namespace
 
-WatchId::WatchId(std::string_view id) : text(id) {
-    // Read at every send, write and acknowledgement: eight digits at a time.
+bool readIdPortable(std::string_view id, std::uint64_t& high, std::uint64_t& low) {
     if (id.size() != id_size || id[8] != '-' || id[13] != '-' || id[18] != '-' || id[23] != '-') {
-        return;
+        return false;
     }
     const auto* bytes = reinterpret_cast<const unsigned char*>(id.data());
     std::uint32_t words[4];
@@ -83,11 +86,65 @@ WatchId::WatchId(std::string_view id) : text(id) {
         !digitsOf(loadHalves(bytes + 9, bytes + 14), words[1]) ||
         !digitsOf(loadHalves(bytes + 19, bytes + 24), words[2]) ||
         !digitsOf(loadBytes(bytes + 28), words[3])) {
-        return;
+        return false;
     }
-    parsed = true;
     high = words[0] | (static_cast<std::uint64_t>(words[1]) << 32);
     low = words[2] | (static_cast<std::uint64_t>(words[3]) << 32);
+    return true;
+}
+
+#if defined(__SSE2__)
+bool readIdVector(std::string_view id, std::uint64_t& high, std::uint64_t& low) {
+    if (id.size() != id_size || id[8] != '-' || id[13] != '-' || id[18] != '-' || id[23] != '-') {
+        return false;
+    }
+    const auto* bytes = reinterpret_cast<const unsigned char*>(id.data());
+    // The 32 digits, sixteen to a register, as loadBytes and loadHalves
+    // place them.
+    const auto word = [](std::uint64_t value) {
+        return _mm_cvtsi64_si128(static_cast<long long>(value));
+    };
+    const __m128i first =
+        _mm_unpacklo_epi64(word(loadBytes(bytes)), word(loadHalves(bytes + 9, bytes + 14)));
+    const __m128i second =
+        _mm_unpacklo_epi64(word(loadHalves(bytes + 19, bytes + 24)), word(loadBytes(bytes + 28)));
+    // Signed comparisons: a byte above 0x7f is negative and in neither range.
+    const auto between = [](__m128i text, char lowest, char highest) {
+        return _mm_and_si128(_mm_cmpgt_epi8(text, _mm_set1_epi8(static_cast<char>(lowest - 1))),
+                             _mm_cmplt_epi8(text, _mm_set1_epi8(static_cast<char>(highest + 1))));
+    };
+    const __m128i firstLetters = between(first, 'a', 'f');
+    const __m128i secondLetters = between(second, 'a', 'f');
+    const __m128i valid = _mm_and_si128(_mm_or_si128(between(first, '0', '9'), firstLetters),
+                                        _mm_or_si128(between(second, '0', '9'), secondLetters));
+    if (_mm_movemask_epi8(valid) != 0xffff) {
+        return false;
+    }
+    // '0'..'9' keep their low four bits; 'a'..'f' add 9 to theirs. Then each
+    // pair of digits becomes a byte, the first digit low, as digitsOf has it.
+    const __m128i nibbles = _mm_set1_epi8(0x0f);
+    const __m128i nine = _mm_set1_epi8(9);
+    const auto pairs = [&](__m128i text, __m128i letters) {
+        const __m128i digits =
+            _mm_add_epi8(_mm_and_si128(text, nibbles), _mm_and_si128(letters, nine));
+        return _mm_and_si128(_mm_or_si128(digits, _mm_srli_epi16(digits, 4)),
+                             _mm_set1_epi16(0x00ff));
+    };
+    const __m128i packed =
+        _mm_packus_epi16(pairs(first, firstLetters), pairs(second, secondLetters));
+    high = static_cast<std::uint64_t>(_mm_cvtsi128_si64(packed));
+    low = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(packed, packed)));
+    return true;
+}
+#endif
+
+WatchId::WatchId(std::string_view id) : text(id) {
+    // Read at every send, write and acknowledgement.
+#if defined(__SSE2__)
+    parsed = readIdVector(id, high, low);
+#else
+    parsed = readIdPortable(id, high, low);
+#endif
 }
 
 bool WatchTable::Entry::noteWritten(Clock::time_point now) {
@@ -199,12 +256,13 @@ void WatchTable::noteWritten(const WatchId& id, Clock::time_point now) {
     if (slot == nullptr) {
         return;
     }
-    Entry entry = entryOf(*slot);
-    if (!entry.noteWritten(now)) {
+    if ((slot->flags & callback_flag) == 0) {
         eraseAt(static_cast<std::size_t>(slot - _slots.data()));
         return;
     }
-    store(*slot, entry);
+    // In place: the only fields a write changes.
+    slot->flags |= written_flag;
+    slot->deadline = steadyAfter(now, entryOf(*slot).validFor).time_since_epoch().count();
 }
 
 bool WatchTable::erase(const WatchId& id) {
@@ -309,6 +367,26 @@ void WatchTable::grow() {
         }
     }
     publishView();
+}
+
+void WrittenIds::add(const WatchId& id) {
+    if (id.parsed) {
+        _ids.push_back(id);
+        _ids.back().text = std::string_view();
+    } else {
+        _other.emplace_back(id.text);
+    }
+}
+
+void WrittenIds::noteIn(WatchTable& table, WatchTable::Clock::time_point now) {
+    for (const WatchId& id : _ids) {
+        table.noteWritten(id, now);
+    }
+    for (const std::string& id : _other) {
+        table.noteWritten(id, now);
+    }
+    _ids.clear();
+    _other.clear();
 }
 
 }  // namespace orvikm::detail

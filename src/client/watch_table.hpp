@@ -24,6 +24,15 @@ struct WatchId {
     std::uint64_t low = 0;
 };
 
+// Reads an id in the client's form as WatchId does: its digits, the first
+// digit in the lowest four bits of `high` and the last in the highest of
+// `low`; false for any other id. The vector form, where the processor has
+// one, reads sixteen digits at a time; the portable form eight.
+bool readIdPortable(std::string_view id, std::uint64_t& high, std::uint64_t& low);
+#if defined(__SSE2__)
+bool readIdVector(std::string_view id, std::uint64_t& high, std::uint64_t& low);
+#endif
+
 // The watched messages of the delivery-failure report, by id: each with its
 // deadline, its validity period, and whether it has been written and has an
 // acknowledgement callback.
@@ -136,6 +145,23 @@ private:
     std::unordered_map<std::string, Entry> _other;
     // No deadline is earlier: until then a sweep has nothing to look at.
     Clock::time_point _earliest = Clock::time_point::max();
+};
+
+// The ids of watched messages written and not yet noted in the table: the
+// I/O thread notes a group of writes with one lock and one clock reading.
+// Not thread-safe: only the I/O thread uses it.
+class WrittenIds {
+public:
+    // Keeps the id beyond the message it was read from.
+    void add(const WatchId& id);
+    std::size_t size() const { return _ids.size() + _other.size(); }
+    // Notes every id kept as written at `now`, and forgets them.
+    void noteIn(WatchTable& table, WatchTable::Clock::time_point now);
+
+private:
+    // Ids in the client's form, their text dropped.
+    std::vector<WatchId> _ids;
+    std::vector<std::string> _other;
 };
 
 }  // namespace orvikm::detail

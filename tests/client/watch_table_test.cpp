@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -83,6 +84,76 @@ TEST(WatchTableTest, ErasedEntryNeverExpires) {
     const Expired expired = expiredAt(table, kStart + 1h);
     EXPECT_TRUE(expired.queued.empty());
     EXPECT_TRUE(expired.written.empty());
+}
+
+// What an id reads as, digit by digit: the first digit lowest.
+bool readIdOneByOne(const std::string& id, std::uint64_t& high, std::uint64_t& low) {
+    if (id.size() != 36) {
+        return false;
+    }
+    std::uint64_t words[2] = {0, 0};
+    unsigned digit = 0;
+    for (std::size_t i = 0; i < id.size(); ++i) {
+        const char c = id[i];
+        if (i == 8 || i == 13 || i == 18 || i == 23) {
+            if (c != '-') {
+                return false;
+            }
+            continue;
+        }
+        std::uint64_t value;
+        if (c >= '0' && c <= '9') {
+            value = static_cast<std::uint64_t>(c - '0');
+        } else if (c >= 'a' && c <= 'f') {
+            value = static_cast<std::uint64_t>(c - 'a' + 10);
+        } else {
+            return false;
+        }
+        words[digit / 16] |= value << (4 * (digit % 16));
+        ++digit;
+    }
+    high = words[0];
+    low = words[1];
+    return true;
+}
+
+// Both ways of reading an id against the one-by-one reading, for every byte
+// value at every place of an id.
+TEST(WatchTableTest, IdReadingsAgreeOnEveryByteAtEveryPlace) {
+    using Reading = bool (*)(std::string_view, std::uint64_t&, std::uint64_t&);
+    std::vector<Reading> readings = {&orvikm::detail::readIdPortable};
+#if defined(__SSE2__)
+    readings.push_back(&orvikm::detail::readIdVector);
+#endif
+    const std::string base = "0f1e2d3c-4b5a-4968-8776-a5b4c3d2e1f0";
+    std::size_t accepted = 0;
+    for (std::size_t place = 0; place < base.size(); ++place) {
+        for (int byte = 0; byte < 256; ++byte) {
+            std::string id = base;
+            id[place] = static_cast<char>(byte);
+            std::uint64_t expectedHigh = 0;
+            std::uint64_t expectedLow = 0;
+            const bool expected = readIdOneByOne(id, expectedHigh, expectedLow);
+            accepted += expected ? 1 : 0;
+            for (const Reading reading : readings) {
+                std::uint64_t high = 0;
+                std::uint64_t low = 0;
+                ASSERT_EQ(reading(id, high, low), expected) << "id " << id;
+                if (expected) {
+                    ASSERT_EQ(high, expectedHigh) << "id " << id;
+                    ASSERT_EQ(low, expectedLow) << "id " << id;
+                }
+            }
+        }
+    }
+    // Sixteen digits at each of 32 places, one hyphen at each of four.
+    EXPECT_EQ(accepted, 32u * 16u + 4u);
+    std::uint64_t high = 0;
+    std::uint64_t low = 0;
+    for (const Reading reading : readings) {
+        EXPECT_FALSE(reading(base.substr(1), high, low));
+        EXPECT_FALSE(reading(base + "0", high, low));
+    }
 }
 
 TEST(WatchTableTest, IdsInOtherFormsAreKeptAsTheyAre) {
