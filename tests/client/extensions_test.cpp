@@ -331,6 +331,38 @@ TEST(ClientUnacknowledgedTest, WrittenMessageNeverAcknowledgedIsReportedOnceAndF
     EXPECT_EQ(stats.awaitingAck, 0u);
 }
 
+// The wait for an acknowledgement starts at the write, not at send(): a
+// message that was queued for most of its validity still gets all of it once
+// written. More messages than the loop notes in one group.
+TEST(ClientUnacknowledgedTest, WrittenMessagesGetTheirWholeValidityFromTheirWrite) {
+    constexpr int kMessages = 70;
+    constexpr auto kValidity = 2s;
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    std::atomic<int> acknowledged{0};
+    std::vector<std::string> ids;
+    for (int i = 0; i < kMessages; ++i) {
+        ids.push_back(sendCounted(client, acknowledged, kValidity));
+    }
+    std::this_thread::sleep_for(1500ms);
+
+    const auto writing = Steady::now();
+    LoopThread loop(client, nullptr);
+    for (int i = 0; i < kMessages; ++i) {
+        ASSERT_TRUE(node.receiveCommand(kMessageCommand));
+    }
+    std::this_thread::sleep_until(writing + kValidity - kQuietTime);
+    EXPECT_TRUE(reports.ids().empty());
+
+    ASSERT_TRUE(reports.waitForCount(ids.size(), kEventLimit));
+    std::vector<std::string> reported = reports.ids();
+    std::sort(reported.begin(), reported.end());
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(reported, ids);
+}
+
 TEST(ClientUnacknowledgedTest, MessageAcknowledgedInTimeIsNotReported) {
     TestNode node;
     Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
