@@ -21,6 +21,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -30,6 +31,7 @@
 #include <limits>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -56,6 +58,8 @@ using orvikbench::threadAllocations;
 // it does not count there; between two latency samples both sides idle this
 // long.
 constexpr std::chrono::milliseconds loop_timeout{1};
+// Messages in flight at most in a paced send.
+constexpr std::uint64_t paced_window = 256;
 
 struct Options {
     double seconds = 0.5;  // aimed duration of one throughput run
@@ -244,6 +248,12 @@ bool isAck(const RawFrames& frames) {
 
 // ---- send throughput ------------------------------------------------------
 
+double threadCpuSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
 // Sends `count` messages on `client` and runs its loop until every one is
 // acknowledged.
 Run sendBurst(orvikm::Client& client, std::uint64_t count, std::size_t size) {
@@ -278,6 +288,49 @@ Run sendBurst(orvikm::Client& client, std::uint64_t count, std::size_t size) {
     }
     return {secondsBetween(start, acks.last), count,
             static_cast<double>(allocations) / static_cast<double>(count)};
+}
+
+// An application that sends from its own thread while the loop runs on
+// another, keeping at most `window` messages unacknowledged: the tables then
+// hold what is in flight, not a whole burst. Returns the CPU time of both
+// threads together, in seconds.
+double pacedSend(orvikm::Client& client, std::uint64_t count, std::size_t size,
+                 std::uint64_t window) {
+    std::vector<char> body(size, 'x');
+    std::mutex lock;
+    std::condition_variable acknowledged;
+    std::uint64_t acks = 0;
+    std::atomic<double> loopCpu{0};
+    std::thread loop([&] {
+        const double before = threadCpuSeconds();
+        client.blockThreadForIO(failOnError, loop_timeout);
+        loopCpu.store(threadCpuSeconds() - before);
+    });
+    const double before = threadCpuSeconds();
+    for (std::uint64_t i = 0; i < count; ++i) {
+        {
+            std::unique_lock<std::mutex> guard(lock);
+            acknowledged.wait(guard, [&] { return i - acks < window; });
+        }
+        client.send(
+            sharedPayload(body), {std::string(orvikbench::bench_topic)},
+            std::chrono::seconds(orvikbench::bench_valid_for_seconds),
+            [&] {
+                std::lock_guard<std::mutex> guard(lock);
+                if (++acks == count) {
+                    client.terminate();
+                }
+                acknowledged.notify_one();
+            },
+            orvikm::Message::AckMode::ByNode);
+    }
+    const double senderCpu = threadCpuSeconds() - before;
+    loop.join();
+    if (acks != count) {
+        fail("paced send: " + std::to_string(acks) + " of " + std::to_string(count) +
+             " acknowledgements");
+    }
+    return senderCpu + loopCpu.load();
 }
 
 // A new client for `node`; with `watch`, the delivery-failure report is set
@@ -750,12 +803,6 @@ Comparison compare(Watchdog& watchdog, int repetitions, Library library, Raw raw
     return best;
 }
 
-double threadCpuSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
 // What onUnacknowledged costs a send, more steadily than the best of a few
 // runs a side: runs with and without it in pairs (which goes first alternates),
 // so that a pair shares the machine's state of the moment, and the quartiles
@@ -781,7 +828,7 @@ void watchCost(void* context, BenchNode& node, Watchdog& watchdog, const Options
         watchdog.arm();
         const std::uint64_t count =
             countFor(rawSend(context, node, 2000, size).rate(), options.seconds, most_queued);
-        std::vector<double> rates, cpus, ownCpus, laterCpus;
+        std::vector<double> rates, cpus, ownCpus, laterCpus, pacedCpus;
         // The CPU time of the thread that sends and runs the loop, where the
         // bookkeeping happens: neither node nor libzmq threads blur it. A
         // first burst includes making the client and growing its tables; a
@@ -815,14 +862,23 @@ void watchCost(void* context, BenchNode& node, Watchdog& watchdog, const Options
                            without.cpu_microseconds_per_message);
             ownCpus.push_back(withOwn / withoutOwn);
             laterCpus.push_back(withLater / withoutLater);
+            double paced[2] = {0, 0};
+            for (int k = 0; k < 2; ++k) {
+                const bool watch = (k == 0) == (i % 2 == 0);
+                paced[watch ? 0 : 1] =
+                    pacedSend(*sendingClient(node, watch), count, size, paced_window);
+            }
+            pacedCpus.push_back(paced[0] / paced[1]);
         }
         std::printf(
             "send %-6s %llu messages a run:\n  throughput             %s\n"
             "  CPU a message, process %s\n  CPU a message, the sending and loop thread %s\n"
-            "  the same, a later burst of the same client %s\n",
+            "  the same, a later burst of the same client %s\n"
+            "  CPU of sender and loop thread, paced (%llu in flight at most) %s\n",
             sizeText(size).c_str(), static_cast<unsigned long long>(count),
             quartiles(rates).c_str(), quartiles(cpus).c_str(), quartiles(ownCpus).c_str(),
-            quartiles(laterCpus).c_str());
+            quartiles(laterCpus).c_str(), static_cast<unsigned long long>(paced_window),
+            quartiles(pacedCpus).c_str());
         std::fflush(stdout);
     }
     std::printf("load average (1 min): %s\n", loadAverage().c_str());
