@@ -28,6 +28,11 @@ function(orvikm_library target output_name)
         SOVERSION 0
         EXPORT_NAME ${target})
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:orvikm_build_flags>)
+    # A library's calls to its own functions may be inlined and bound within
+    # it: nobody is to replace a function of these libraries by preloading
+    # another, and without the option g++ may inline none of them, from the
+    # client's loop down to the watch table's hashing.
+    target_compile_options(${target} PRIVATE -fno-semantic-interposition)
     target_compile_features(${target} PUBLIC cxx_std_17)
     add_library(orvikm::${target} ALIAS ${target})
 endfunction()
