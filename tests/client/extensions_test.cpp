@@ -66,6 +66,21 @@ std::string sendCounted(Client& client, std::atomic<int>& acknowledged,
     return id;
 }
 
+// Sends `count` such messages; returns their ids in the order sent.
+std::vector<std::string> sendManyCounted(Client& client, std::atomic<int>& acknowledged, int count,
+                                         std::chrono::seconds validFor) {
+    std::vector<std::string> ids;
+    for (int i = 0; i < count; ++i) {
+        ids.push_back(sendCounted(client, acknowledged, validFor));
+    }
+    return ids;
+}
+
+std::vector<std::string> sorted(std::vector<std::string> ids) {
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
 std::vector<std::string> published(const std::string& id) {
     std::vector<std::string> frames = testsupport::messageFrames(id, "published");
     frames.insert(frames.begin(), kTopic);
@@ -342,10 +357,8 @@ TEST(ClientUnacknowledgedTest, WrittenMessagesGetTheirWholeValidityFromTheirWrit
     Reports reports;
     client.onUnacknowledged(reports.callback());
     std::atomic<int> acknowledged{0};
-    std::vector<std::string> ids;
-    for (int i = 0; i < kMessages; ++i) {
-        ids.push_back(sendCounted(client, acknowledged, kValidity));
-    }
+    const std::vector<std::string> ids =
+        sendManyCounted(client, acknowledged, kMessages, kValidity);
     std::this_thread::sleep_for(1500ms);
 
     const auto writing = Steady::now();
@@ -357,10 +370,7 @@ TEST(ClientUnacknowledgedTest, WrittenMessagesGetTheirWholeValidityFromTheirWrit
     EXPECT_TRUE(reports.ids().empty());
 
     ASSERT_TRUE(reports.waitForCount(ids.size(), kEventLimit));
-    std::vector<std::string> reported = reports.ids();
-    std::sort(reported.begin(), reported.end());
-    std::sort(ids.begin(), ids.end());
-    EXPECT_EQ(reported, ids);
+    EXPECT_EQ(sorted(reports.ids()), sorted(ids));
 }
 
 TEST(ClientUnacknowledgedTest, MessageAcknowledgedInTimeIsNotReported) {
@@ -416,10 +426,8 @@ TEST(ClientUnacknowledgedTest, AmongManyWatchedMessagesExactlyTheUnacknowledgedA
     Reports reports;
     client.onUnacknowledged(reports.callback());
     std::atomic<int> acknowledged{0};
-    std::vector<std::string> ids;
-    for (int i = 0; i < kMessages; ++i) {
-        ids.push_back(sendCounted(client, acknowledged, kShortValidity));
-    }
+    const std::vector<std::string> ids =
+        sendManyCounted(client, acknowledged, kMessages, kShortValidity);
     LoopThread loop(client, nullptr);
     for (int i = 0; i < kMessages; ++i) {
         ASSERT_TRUE(node.receiveCommand(kMessageCommand));
@@ -438,10 +446,7 @@ TEST(ClientUnacknowledgedTest, AmongManyWatchedMessagesExactlyTheUnacknowledgedA
     ASSERT_TRUE(reports.waitForCount(unacknowledged.size(), kEventLimit));
     std::this_thread::sleep_for(kQuietTime);
 
-    std::vector<std::string> reported = reports.ids();
-    std::sort(reported.begin(), reported.end());
-    std::sort(unacknowledged.begin(), unacknowledged.end());
-    EXPECT_EQ(reported, unacknowledged);
+    EXPECT_EQ(sorted(reports.ids()), sorted(unacknowledged));
     EXPECT_EQ(acknowledged.load(), kMessages - static_cast<int>(unacknowledged.size()));
 }
 
