@@ -74,10 +74,16 @@ inline void writeDigits(std::uint32_t value, char* const places[8]) {
     }
 }
 
+// 36 characters with hyphens where the client's ids have them; the digits
+// are for the reading to check.
+inline bool hasIdShape(std::string_view id) {
+    return id.size() == id_size && id[8] == '-' && id[13] == '-' && id[18] == '-' && id[23] == '-';
+}
+
 }  // namespace
 
 bool readIdPortable(std::string_view id, std::uint64_t& high, std::uint64_t& low) {
-    if (id.size() != id_size || id[8] != '-' || id[13] != '-' || id[18] != '-' || id[23] != '-') {
+    if (!hasIdShape(id)) {
         return false;
     }
     const auto* bytes = reinterpret_cast<const unsigned char*>(id.data());
@@ -95,7 +101,7 @@ bool readIdPortable(std::string_view id, std::uint64_t& high, std::uint64_t& low
 
 #if defined(__SSE2__)
 bool readIdVector(std::string_view id, std::uint64_t& high, std::uint64_t& low) {
-    if (id.size() != id_size || id[8] != '-' || id[13] != '-' || id[18] != '-' || id[23] != '-') {
+    if (!hasIdShape(id)) {
         return false;
     }
     const auto* bytes = reinterpret_cast<const unsigned char*>(id.data());
