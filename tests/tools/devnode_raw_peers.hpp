@@ -18,23 +18,7 @@
 // can send what no client would and leave unread what a client reads.
 namespace devnodetest {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kBuiltWithSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kBuiltWithSanitizer = true;
-#else
-constexpr bool kBuiltWithSanitizer = false;
-#endif
-#else
-constexpr bool kBuiltWithSanitizer = false;
-#endif
-
-// Under AddressSanitizer or ThreadSanitizer (the node is built as the tests
-// are), a process's resident size is mostly the sanitizer's own shadow and
-// quarantine, and its address space cannot be limited: tests of memory use
-// hold only without them.
-constexpr bool kMemoryCanBeMeasured = !kBuiltWithSanitizer;
+using testsupport::kMemoryCanBeMeasured;
 
 using testsupport::Frame;
 using testsupport::RawPeer;
