@@ -1,16 +1,19 @@
-// The client's two tables: the outgoing queue (push, then performOperation
-// taking the top) and the acknowledgement callbacks (registerCallback, then
-// handleAck).
+// The client's tables: the outgoing queue (push, then performOperation
+// taking the top), the acknowledgement callbacks (registerCallback, then
+// handleAck) and the watched messages of the delivery-failure report.
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <orvikm/orvikm.hpp>
 
+#include "client/watch_table.hpp"
 #include "micro_support.hpp"
 
 namespace {
@@ -93,5 +96,60 @@ void BM_ResultCallbacksRegisterAndAck(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_ResultCallbacksRegisterAndAck)->Arg(0)->Arg(10000);
+
+// What the delivery-failure report does for each message of a burst of
+// `burst` messages, as the client does it: each id read and kept at its send,
+// all of them moved into the table together, the writes noted in groups of 32
+// (one clock reading a group), then each id read again and erased at its
+// acknowledgement. Arg 1 is 1 for a
+// table kept from burst to burst (grown already), 0 for a new one each burst.
+void BM_WatchTableBurst(benchmark::State& state) {
+    using orvikm::detail::SentWatches;
+    using orvikm::detail::WatchId;
+    using orvikm::detail::WatchTable;
+    using orvikm::detail::WrittenIds;
+    const auto burst = static_cast<std::size_t>(state.range(0));
+    const bool kept = state.range(1) != 0;
+    std::vector<char> body(0);
+    std::vector<std::string> ids;
+    for (std::size_t i = 0; i < burst; ++i) {
+        ids.push_back(orvikmicro::benchMessage(body).msgId());
+    }
+    auto table = std::make_unique<WatchTable>();
+    SentWatches sent;
+    WrittenIds written;
+    constexpr std::chrono::seconds validFor(orvikbench::bench_valid_for_seconds);
+    for (auto _ : state) {
+        if (!kept) {
+            table = std::make_unique<WatchTable>();
+        }
+        for (const std::string& id : ids) {
+            sent.add(WatchId(id), WatchTable::Clock::now() + validFor, validFor, true);
+        }
+        sent.moveInto(*table);
+        for (std::size_t first = 0; first < burst; first += 32) {
+            for (std::size_t i = first; i < first + 32 && i < burst; ++i) {
+                const WatchId watched(ids[i]);
+                table->prefetch(watched);
+                written.add(watched);
+            }
+            written.noteIn(*table, WatchTable::Clock::now());
+        }
+        for (const std::string& id : ids) {
+            const WatchId watched(id);
+            table->prefetch(watched);
+            benchmark::DoNotOptimize(table->erase(watched));
+        }
+        if (table->size() != 0) {
+            state.SkipWithError("an entry was left behind");
+        }
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * burst));
+}
+BENCHMARK(BM_WatchTableBurst)
+    ->Args({256, 1})
+    ->Args({50000, 1})
+    ->Args({50000, 0})
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace

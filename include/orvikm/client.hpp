@@ -37,6 +37,8 @@ struct WatchId;
 /// Written messages whose write the watch table has still to note (defined in
 /// the library).
 class WrittenIds;
+/// Sent messages the watch table has still to take in (defined in the library).
+class SentWatches;
 }  // namespace detail
 
 /// The application's connection to the local Orvik Node: a listener (subscriber)
@@ -344,9 +346,11 @@ private:
     // Hands an error to the application's handler as the loop does; rethrows
     // what is not of the orviku family. Call it inside a catch block.
     void report_loop_error(const std::function<void(orviku::Exception&)>& errorHandler);
-    // The delivery-failure report's bookkeeping.
-    // Each takes the id its caller read to prefetch the watched entry with.
+    // The delivery-failure report's bookkeeping. Only watch_queued is called
+    // by sending threads; the rest run on the I/O thread.
     void watch_queued(const detail::WatchId& msgId, const Message& message, bool hasCallback);
+    // Moves the messages sent since the last call into _watched.
+    void watch_sent();
     void note_acknowledged(const detail::WatchId& msgId);
     // Notes the writes kept in _written_ids.
     void note_written();
@@ -398,7 +402,13 @@ private:
     std::function<void(const std::string&)> _on_unacknowledged;
     bool _on_unacknowledged_replaced{false};
     std::atomic<bool> _watching{false};
+    // Guards _sent_watches, the one part of the report that sending threads
+    // touch.
     std::mutex _watch_lock;
+    std::unique_ptr<detail::SentWatches> _sent_watches;
+    // Used by the I/O thread alone: the group it is moving into _watched,
+    // and the table.
+    std::unique_ptr<detail::SentWatches> _moving_watches;
     std::unique_ptr<detail::WatchTable> _watched;
     // Written by the I/O thread and noted in _watched a group at a time.
     std::unique_ptr<detail::WrittenIds> _written_ids;

@@ -103,6 +103,8 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
       _id(std::move(appId)),
       _subscriptions(std::move(subscriptions)),
       _options(options),
+      _sent_watches(std::make_unique<detail::SentWatches>()),
+      _moving_watches(std::make_unique<detail::SentWatches>()),
       _watched(std::make_unique<detail::WatchTable>()),
       _written_ids(std::make_unique<detail::WrittenIds>()) {
     checkOptions(_options);

@@ -78,7 +78,10 @@ void Client::onUnacknowledged(std::function<void(const std::string& msgId)> call
     const bool watching = static_cast<bool>(_on_unacknowledged);
     _watching.store(watching);
     if (!watching) {
-        std::lock_guard<std::mutex> guard(_watch_lock);
+        {
+            std::lock_guard<std::mutex> guard(_watch_lock);
+            _sent_watches->clear();
+        }
         _watched->clear();
     }
 }
@@ -86,20 +89,32 @@ void Client::onUnacknowledged(std::function<void(const std::string& msgId)> call
 void Client::watch_queued(const detail::WatchId& msgId, const Message& message, bool hasCallback) {
     const Steady::time_point deadline = detail::steadyAfter(Steady::now(), message.validFor());
     std::lock_guard<std::mutex> guard(_watch_lock);
-    _watched->watch(msgId, deadline, message.validFor(), hasCallback);
+    _sent_watches->add(msgId, deadline, message.validFor(), hasCallback);
+}
+
+void Client::watch_sent() {
+    {
+        std::lock_guard<std::mutex> guard(_watch_lock);
+        if (_sent_watches->empty()) {
+            return;
+        }
+        _sent_watches->swap(*_moving_watches);
+    }
+    _moving_watches->moveInto(*_watched);
 }
 
 void Client::note_written() {
     if (_written_ids->size() == 0) {
         return;
     }
-    const Steady::time_point now = Steady::now();
-    std::lock_guard<std::mutex> guard(_watch_lock);
-    _written_ids->noteIn(*_watched, now);
+    // Every message written was sent, and so added, before it was queued.
+    watch_sent();
+    _written_ids->noteIn(*_watched, Steady::now());
 }
 
 void Client::note_acknowledged(const detail::WatchId& msgId) {
-    std::lock_guard<std::mutex> guard(_watch_lock);
+    // The message's write was noted before anything was read, and with it
+    // the message taken into the table.
     _watched->erase(msgId);
 }
 
@@ -115,10 +130,8 @@ void Client::expire_due() {
 
     std::vector<std::string> queued;
     std::vector<std::string> written;
-    {
-        std::lock_guard<std::mutex> guard(_watch_lock);
-        _watched->takeExpired(now, queued, written);
-    }
+    watch_sent();
+    _watched->takeExpired(now, queued, written);
     if (!queued.empty()) {
         const std::unordered_set<std::string> expired(queued.begin(), queued.end());
         _msg_queue.removeIf(

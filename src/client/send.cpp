@@ -30,10 +30,8 @@ void Client::send(Message message, std::function<void()> onAck) {
         _msg_queue.push(message);
         return;
     }
-    // Fetched while the callback is registered, used just after; both come
-    // before the message can be written.
+    // Both come before the message can be written.
     const detail::WatchId id(message.msgIdView());
-    _watched->prefetch(id);
     const bool hasCallback = static_cast<bool>(onAck);
     _result_callbacks.registerCallback(message, std::move(onAck));
     watch_queued(id, message, hasCallback);
@@ -83,6 +81,11 @@ bool Client::send_one_msg() {
 }
 
 void Client::send_all_msgs() {
+    if (_watching.load(std::memory_order_relaxed)) {
+        // Before the writes, so that the slots they fetch ahead are the ones
+        // their notes use.
+        watch_sent();
+    }
     try {
         // Without a batch bound a pass writes until the queue is empty.
         const std::size_t batch = _options.maxWriteBatch;

@@ -1,8 +1,10 @@
 #include "watch_table.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <utility>
 
 #if defined(__SSE2__)
@@ -16,6 +18,7 @@ namespace orvikm::detail {
 namespace {
 
 constexpr std::size_t first_capacity = 64;
+constexpr std::size_t cache_line = 64;
 constexpr std::size_t id_size = 36;
 
 // Eight bytes of text as one word, the first byte lowest.
@@ -153,6 +156,36 @@ WatchId::WatchId(std::string_view id) : text(id) {
 #endif
 }
 
+WatchTable::SlotArray::SlotArray(std::size_t size)
+    : _data(static_cast<Slot*>(std::aligned_alloc(cache_line, size * sizeof(Slot)))), _size(size) {
+    if (_data == nullptr) {
+        throw std::bad_alloc();
+    }
+    std::memset(static_cast<void*>(_data), 0, size * sizeof(Slot));
+}
+
+WatchTable::SlotArray::SlotArray(SlotArray&& other) noexcept
+    : _data(std::exchange(other._data, nullptr)), _size(std::exchange(other._size, 0)) {}
+
+WatchTable::SlotArray& WatchTable::SlotArray::operator=(SlotArray&& other) noexcept {
+    if (this != &other) {
+        release();
+        _data = std::exchange(other._data, nullptr);
+        _size = std::exchange(other._size, 0);
+    }
+    return *this;
+}
+
+WatchTable::SlotArray::~SlotArray() {
+    release();
+}
+
+void WatchTable::SlotArray::release() {
+    std::free(_data);
+    _data = nullptr;
+    _size = 0;
+}
+
 bool WatchTable::Entry::noteWritten(Clock::time_point now) {
     if (!hasCallback) {
         return false;
@@ -227,27 +260,42 @@ WatchTable::Slot* WatchTable::find(const Key& key) {
     return slot.flags != 0 ? &slot : nullptr;
 }
 
+WatchTable::Slot WatchTable::slotOf(const WatchId& id, const Entry& entry) {
+    Slot slot{};
+    slot.high = id.high;
+    slot.low = id.low;
+    store(slot, entry);
+    return slot;
+}
+
 void WatchTable::watch(const WatchId& id, Clock::time_point deadline, std::chrono::seconds validFor,
                        bool hasCallback) {
     const Entry entry{deadline, validFor, false, hasCallback};
-    // A write only moves a deadline later, and erasing leaves the bound a
-    // bound, so only a new entry can lower it.
-    _earliest = std::min(_earliest, deadline);
     if (!id.parsed) {
-        _other.insert_or_assign(std::string(id.text), entry);
+        watchOther(std::string(id.text), entry);
         return;
     }
+    insert(slotOf(id, entry));
+}
+
+void WatchTable::watchOther(std::string id, const Entry& entry) {
+    // A write only moves a deadline later, and erasing leaves the bound a
+    // bound, so only a new entry can lower it.
+    _earliest = std::min(_earliest, entry.deadline);
+    _other.insert_or_assign(std::move(id), entry);
+}
+
+void WatchTable::insert(const Slot& slot) {
+    _earliest = std::min(_earliest, Clock::time_point(Clock::duration(slot.deadline)));
     // At most half full: probe sequences stay a slot or two long.
     if (2 * (_count + 1) > _slots.size()) {
-        grow();
+        grow(std::max(first_capacity, 2 * _slots.size()));
     }
-    Slot& slot = _slots[probe(Key{id.high, id.low})];
-    if (slot.flags == 0) {
-        slot.high = id.high;
-        slot.low = id.low;
+    Slot& place = _slots[probe(Key{slot.high, slot.low})];
+    if (place.flags == 0) {
         ++_count;
     }
-    store(slot, entry);
+    place = slot;
 }
 
 void WatchTable::noteWritten(const WatchId& id, Clock::time_point now) {
@@ -337,32 +385,31 @@ void WatchTable::takeExpired(Clock::time_point now, std::vector<std::string>& qu
 }
 
 void WatchTable::prefetch(const WatchId& id) const {
-    const Slot* slots = _view_slots.load(std::memory_order_relaxed);
-    if (slots == nullptr || !id.parsed) {
-        return;
+    if (!_slots.empty() && id.parsed) {
+        __builtin_prefetch(_slots.data() + home(id.high, id.low));
     }
-    __builtin_prefetch(slots +
-                       (mix(id.high, id.low) >> _view_shift.load(std::memory_order_relaxed)));
-}
-
-void WatchTable::publishView() {
-    _view_slots.store(_slots.empty() ? nullptr : _slots.data(), std::memory_order_relaxed);
-    _view_shift.store(_shift, std::memory_order_relaxed);
 }
 
 void WatchTable::clear() {
     _earliest = Clock::time_point::max();
-    _slots.clear();
+    _slots = SlotArray();
     _shift = 64;
-    publishView();
     _count = 0;
     _other.clear();
 }
 
-void WatchTable::grow() {
-    const std::size_t capacity = std::max(first_capacity, 2 * _slots.size());
-    std::vector<Slot> old(capacity, Slot{});
-    old.swap(_slots);
+void WatchTable::reserve(std::size_t entries) {
+    std::size_t capacity = std::max(first_capacity, _slots.size());
+    while (capacity < 2 * (_count + entries)) {
+        capacity *= 2;
+    }
+    if (capacity > _slots.size()) {
+        grow(capacity);
+    }
+}
+
+void WatchTable::grow(std::size_t capacity) {
+    SlotArray old = std::exchange(_slots, SlotArray(capacity));
     _shift = 64;
     for (std::size_t size = capacity; size > 1; size /= 2) {
         --_shift;
@@ -372,7 +419,48 @@ void WatchTable::grow() {
             _slots[probe(Key{slot.high, slot.low})] = slot;
         }
     }
-    publishView();
+}
+
+void SentWatches::add(const WatchId& id, Clock::time_point deadline, std::chrono::seconds validFor,
+                      bool hasCallback) {
+    const WatchTable::Entry entry{deadline, validFor, false, hasCallback};
+    if (id.parsed) {
+        _slots.push_back(WatchTable::slotOf(id, entry));
+    } else {
+        _other.emplace_back(std::string(id.text), entry);
+    }
+}
+
+void SentWatches::moveInto(WatchTable& table) {
+    // Grown first, so that every slot fetched ahead is the one then used.
+    table.reserve(_slots.size());
+    constexpr std::size_t ahead = 8;
+    const auto fetch = [&table](const WatchTable::Slot& slot) {
+        __builtin_prefetch(table._slots.data() + table.home(slot.high, slot.low));
+    };
+    for (std::size_t i = 0; i < ahead && i < _slots.size(); ++i) {
+        fetch(_slots[i]);
+    }
+    for (std::size_t i = 0; i < _slots.size(); ++i) {
+        if (i + ahead < _slots.size()) {
+            fetch(_slots[i + ahead]);
+        }
+        table.insert(_slots[i]);
+    }
+    for (auto& [id, entry] : _other) {
+        table.watchOther(std::move(id), entry);
+    }
+    clear();
+}
+
+void SentWatches::clear() {
+    _slots.clear();
+    _other.clear();
+}
+
+void SentWatches::swap(SentWatches& other) noexcept {
+    _slots.swap(other._slots);
+    _other.swap(other._other);
 }
 
 void WrittenIds::add(const WatchId& id) {

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace orvikm::detail {
@@ -37,8 +37,8 @@ bool readIdVector(std::string_view id, std::uint64_t& high, std::uint64_t& low);
 // deadline, its validity period, and whether it has been written and has an
 // acknowledgement callback.
 //
-// Every send, write and acknowledgement of a watched message looks its id up,
-// on a table that holds every message in flight (tens of thousands in a
+// Every message sent is put in, its write noted and its acknowledgement taken
+// out, on a table that holds every message in flight (tens of thousands in a
 // burst), so what a look-up costs is the cache lines it touches. An id in the
 // form the client makes (36 characters, lower-case hex digits and four
 // hyphens) is kept as its 16 bytes, and the whole entry fits one 32-byte slot
@@ -47,7 +47,8 @@ bool readIdVector(std::string_view id, std::uint64_t& high, std::uint64_t& low);
 // that ids kept as text would need. Any other id (an application may build a
 // message with an id of its own) goes to a map beside.
 //
-// Not thread-safe: the client holds its watch lock.
+// Not thread-safe: only the thread running the client's I/O loop uses it
+// (sending threads hand their messages over through SentWatches).
 class WatchTable {
 public:
     using Clock = std::chrono::steady_clock;
@@ -81,12 +82,12 @@ public:
     std::size_t size() const { return _count + _other.size(); }
 
     // Asks the processor to fetch the slot of `id` ahead of its use, so that
-    // the cache miss of a look-up overlaps the caller's other work. Safe
-    // without the watch lock, from any thread: it reads only atomics, and a
-    // prefetch never faults, even where the array has just been replaced.
+    // the cache miss of a look-up overlaps the caller's other work.
     void prefetch(const WatchId& id) const;
 
 private:
+    friend class SentWatches;
+
     // What the table keeps of an entry besides its id.
     struct Entry {
         Clock::time_point deadline;
@@ -117,11 +118,36 @@ private:
     };
     static_assert(sizeof(Slot) == 32, "a slot is half a cache line");
 
+    // The slots, zero (empty) when allocated, and aligned to cache lines so
+    // that no slot straddles two.
+    class SlotArray {
+    public:
+        SlotArray() = default;
+        explicit SlotArray(std::size_t size);
+        SlotArray(SlotArray&& other) noexcept;
+        SlotArray& operator=(SlotArray&& other) noexcept;
+        ~SlotArray();
+
+        std::size_t size() const { return _size; }
+        bool empty() const { return _size == 0; }
+        Slot* data() const { return _data; }
+        Slot& operator[](std::size_t index) const { return _data[index]; }
+        Slot* begin() const { return _data; }
+        Slot* end() const { return _data + _size; }
+
+    private:
+        void release();
+
+        Slot* _data = nullptr;
+        std::size_t _size = 0;
+    };
+
     static constexpr std::uint8_t used_flag = 1;
     static constexpr std::uint8_t written_flag = 2;
     static constexpr std::uint8_t callback_flag = 4;
 
     static std::string text(const Slot& slot);
+    static Slot slotOf(const WatchId& id, const Entry& entry);
     static Entry entryOf(const Slot& slot);
     static void store(Slot& slot, const Entry& entry);
 
@@ -131,20 +157,47 @@ private:
     std::size_t probe(const Key& key) const;
     // The slot holding `key`, or nullptr.
     Slot* find(const Key& key);
+    // Puts in a used slot; replaces an earlier entry of the same id.
+    void insert(const Slot& slot);
     void eraseAt(std::size_t hole);
-    void grow();
+    // At least twice as many slots as `entries`, rehashed once.
+    void reserve(std::size_t entries);
+    void grow(std::size_t capacity);
+    void watchOther(std::string id, const Entry& entry);
 
-    // What prefetch() reads of the array, kept in step by grow() and clear().
-    void publishView();
-
-    std::vector<Slot> _slots;
+    SlotArray _slots;
     unsigned _shift = 64;
-    std::atomic<const Slot*> _view_slots{nullptr};
-    std::atomic<unsigned> _view_shift{64};
     std::size_t _count = 0;
     std::unordered_map<std::string, Entry> _other;
     // No deadline is earlier: until then a sweep has nothing to look at.
     Clock::time_point _earliest = Clock::time_point::max();
+};
+
+// Messages sent while the report is on and not yet in the table. A sending
+// thread only adds its message here, under the client's watch lock; the I/O
+// thread moves them all into the table before it notes a write or looks for
+// expired entries. So a send looks nothing up, the table's memory is touched
+// by one thread only, and the I/O thread puts a whole group in at once, each
+// slot fetched ahead. Any message the I/O thread writes was added before it
+// was queued, so it is in the table once the write is noted, before its
+// acknowledgement can be read.
+class SentWatches {
+public:
+    using Clock = WatchTable::Clock;
+
+    void add(const WatchId& id, Clock::time_point deadline, std::chrono::seconds validFor,
+             bool hasCallback);
+    bool empty() const { return _slots.empty() && _other.empty(); }
+    // Watches every message kept, in the order added, and forgets them; the
+    // memory is kept for the next group.
+    void moveInto(WatchTable& table);
+    void clear();
+    void swap(SentWatches& other) noexcept;
+
+private:
+    // Ids in the client's form, as the table's slots.
+    std::vector<WatchTable::Slot> _slots;
+    std::vector<std::pair<std::string, WatchTable::Entry>> _other;
 };
 
 // The ids of watched messages written and not yet noted in the table: the

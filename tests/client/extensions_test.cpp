@@ -450,6 +450,55 @@ TEST(ClientUnacknowledgedTest, AmongManyWatchedMessagesExactlyTheUnacknowledgedA
     EXPECT_EQ(acknowledged.load(), kMessages - static_cast<int>(unacknowledged.size()));
 }
 
+// Sending threads only hand their messages over; the loop takes them in while
+// it runs. The node acknowledges every message but one in ten, each as it
+// arrives, so that acknowledgements are read while more messages are sent.
+TEST(ClientUnacknowledgedTest,
+     MessagesSentFromSeveralThreadsWhileTheLoopRunsAreReportedWhenUnacknowledged) {
+    constexpr int kThreads = 4;
+    constexpr int kMessagesEach = 150;
+    constexpr int kMessages = kThreads * kMessagesEach;
+    constexpr int kEveryUnacknowledged = 10;
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    LoopThread loop(client, nullptr);
+    std::atomic<int> acknowledged{0};
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kThreads; ++t) {
+        senders.emplace_back([&client, &acknowledged] {
+            for (int i = 0; i < kMessagesEach; ++i) {
+                sendCounted(client, acknowledged, kShortValidity);
+                if (i % 16 == 0) {
+                    std::this_thread::sleep_for(1ms);
+                }
+            }
+        });
+    }
+    std::vector<std::string> unacknowledged;
+    for (int i = 0; i < kMessages; ++i) {
+        const auto written = node.receiveCommand(kMessageCommand);
+        ASSERT_TRUE(written) << i << " of " << kMessages << " written";
+        const std::string id = written->headers.at("id");
+        if (i % kEveryUnacknowledged == 0) {
+            unacknowledged.push_back(id);
+        } else {
+            node.sendTo(kDispenserIdentity, testsupport::ackFrames(id));
+        }
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+
+    ASSERT_TRUE(reports.waitForCount(unacknowledged.size(), kEventLimit));
+    std::this_thread::sleep_for(kQuietTime);
+
+    EXPECT_EQ(sorted(reports.ids()), sorted(unacknowledged));
+    EXPECT_EQ(acknowledged.load(), kMessages - static_cast<int>(unacknowledged.size()));
+    EXPECT_EQ(client.stats().awaitingAck, 0u);
+}
+
 TEST(ClientUnacknowledgedTest, MessageWithoutCallbackIsNotReported) {
     TestNode node;
     Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});

@@ -15,6 +15,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+using orvikm::detail::SentWatches;
+using orvikm::detail::WatchId;
 using orvikm::detail::WatchTable;
 using Clock = WatchTable::Clock;
 
@@ -232,6 +234,59 @@ TEST(WatchTableTest, ManyEntriesSurviveGrowthAndErasureAroundThem) {
     }
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(expired.queued, expected);
+    EXPECT_EQ(table.size(), 0u);
+}
+
+// Sent messages reach the table only when moved in, all of them, in the order
+// sent: a later send of the same id replaces the earlier one. Enough of them
+// that the table grows while they go in, and ids of both kinds.
+TEST(WatchTableTest, SentMessagesAreWatchedOnceMovedInInTheOrderSent) {
+    constexpr unsigned kSent = 5000;
+    WatchTable table;
+    table.watch(idOf(kSent), kStart + 3s, 3s, true);
+    SentWatches sent;
+    for (unsigned n = 0; n < kSent; ++n) {
+        const std::string id = idOf(n);
+        sent.add(WatchId(id), kStart + 1s, 1s, true);
+    }
+    // Sent again, to stay longer; and one in another form, sent twice.
+    sent.add(WatchId(idOf(7)), kStart + 2s, 2s, true);
+    sent.add(WatchId("own id"), kStart + 1s, 1s, true);
+    sent.add(WatchId("own id"), kStart + 2s, 2s, true);
+    EXPECT_FALSE(sent.empty());
+    EXPECT_EQ(table.size(), 1u);
+
+    sent.moveInto(table);
+
+    EXPECT_TRUE(sent.empty());
+    EXPECT_EQ(table.size(), kSent + 2);
+    std::vector<std::string> expected;
+    for (unsigned n = 0; n < kSent; ++n) {
+        if (n != 7) {
+            expected.push_back(idOf(n));
+        }
+    }
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expiredAt(table, kStart + 1s).queued, expected);
+    const std::vector<std::string> later = {idOf(7), "own id"};
+    EXPECT_EQ(expiredAt(table, kStart + 2s).queued, later);
+    EXPECT_EQ(expiredAt(table, kStart + 3s).queued, std::vector<std::string>{idOf(kSent)});
+
+    // What was moved in is gone from the group: a second move adds nothing.
+    sent.moveInto(table);
+    EXPECT_EQ(table.size(), 0u);
+}
+
+TEST(WatchTableTest, ClearedSentMessagesNeverReachTheTable) {
+    WatchTable table;
+    SentWatches sent;
+    sent.add(WatchId(idOf(1)), kStart + 1s, 1s, true);
+    sent.add(WatchId("own id"), kStart + 1s, 1s, true);
+
+    sent.clear();
+    sent.moveInto(table);
+
+    EXPECT_TRUE(sent.empty());
     EXPECT_EQ(table.size(), 0u);
 }
 
