@@ -101,8 +101,8 @@ BENCHMARK(BM_ResultCallbacksRegisterAndAck)->Arg(0)->Arg(10000);
 // `burst` messages, as the client does it: each id read and kept at its send,
 // all of them moved into the table together, the writes noted in groups of 32
 // (one clock reading a group), then each id read again and erased at its
-// acknowledgement. Arg 1 is 1 for a
-// table kept from burst to burst (grown already), 0 for a new one each burst.
+// acknowledgement. Arg 1 is 1 for a table kept from burst to burst (grown
+// already), 0 for a new one each burst.
 void BM_WatchTableBurst(benchmark::State& state) {
     using orvikm::detail::SentWatches;
     using orvikm::detail::WatchId;

@@ -385,8 +385,14 @@ void WatchTable::takeExpired(Clock::time_point now, std::vector<std::string>& qu
 }
 
 void WatchTable::prefetch(const WatchId& id) const {
-    if (!_slots.empty() && id.parsed) {
-        __builtin_prefetch(_slots.data() + home(id.high, id.low));
+    if (id.parsed) {
+        prefetchHome(id.high, id.low);
+    }
+}
+
+void WatchTable::prefetchHome(std::uint64_t high, std::uint64_t low) const {
+    if (!_slots.empty()) {
+        __builtin_prefetch(_slots.data() + home(high, low));
     }
 }
 
@@ -396,6 +402,24 @@ void WatchTable::clear() {
     _shift = 64;
     _count = 0;
     _other.clear();
+}
+
+void WatchTable::insertAll(const std::vector<Slot>& slots) {
+    if (slots.empty()) {
+        return;
+    }
+    // Grown first, so that every slot fetched ahead is the one then used.
+    reserve(slots.size());
+    constexpr std::size_t ahead = 8;
+    for (std::size_t i = 0; i < ahead && i < slots.size(); ++i) {
+        prefetchHome(slots[i].high, slots[i].low);
+    }
+    for (std::size_t i = 0; i < slots.size(); ++i) {
+        if (i + ahead < slots.size()) {
+            prefetchHome(slots[i + ahead].high, slots[i + ahead].low);
+        }
+        insert(slots[i]);
+    }
 }
 
 void WatchTable::reserve(std::size_t entries) {
@@ -432,21 +456,7 @@ void SentWatches::add(const WatchId& id, Clock::time_point deadline, std::chrono
 }
 
 void SentWatches::moveInto(WatchTable& table) {
-    // Grown first, so that every slot fetched ahead is the one then used.
-    table.reserve(_slots.size());
-    constexpr std::size_t ahead = 8;
-    const auto fetch = [&table](const WatchTable::Slot& slot) {
-        __builtin_prefetch(table._slots.data() + table.home(slot.high, slot.low));
-    };
-    for (std::size_t i = 0; i < ahead && i < _slots.size(); ++i) {
-        fetch(_slots[i]);
-    }
-    for (std::size_t i = 0; i < _slots.size(); ++i) {
-        if (i + ahead < _slots.size()) {
-            fetch(_slots[i + ahead]);
-        }
-        table.insert(_slots[i]);
-    }
+    table.insertAll(_slots);
     for (auto& [id, entry] : _other) {
         table.watchOther(std::move(id), entry);
     }

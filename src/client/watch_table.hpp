@@ -159,6 +159,10 @@ private:
     Slot* find(const Key& key);
     // Puts in a used slot; replaces an earlier entry of the same id.
     void insert(const Slot& slot);
+    // Puts in each slot, in order, with the table grown once for all of them
+    // and each slot's place fetched a few slots ahead.
+    void insertAll(const std::vector<Slot>& slots);
+    void prefetchHome(std::uint64_t high, std::uint64_t low) const;
     void eraseAt(std::size_t hole);
     // At least twice as many slots as `entries`, rehashed once.
     void reserve(std::size_t entries);
