@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
@@ -897,6 +898,106 @@ TEST_F(ReceiverTest, UnreadableValidForPassesOutAsInvalidArgument) {
 
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(std::string(error->what()), kStollText);
+}
+
+// --- A header key that is almost a usual one ------------------------------------
+
+// A usual header whose key is changed a little: the key, how it was changed,
+// and what the message is then refused for.
+struct NearKeyCase {
+    std::string key;
+    std::string nearKey;
+    std::string message;
+    Context context;
+};
+
+void PrintTo(const NearKeyCase& near, std::ostream* out) {
+    *out << near.nearKey;
+}
+
+// The headers in key order are read without a map; in any other order they are
+// read through it. A key that is only a prefix of a usual one, or a usual one
+// with more after it, or differs from it in its last byte or its case, is no
+// usual key in either, and both refuse the message alike: as one without that
+// header.
+class ReceiverNearKeyTest : public ReceiverTest, public ::testing::WithParamInterface<NearKeyCase> {
+protected:
+    Frames headersWithNearKey() const {
+        Frames headers = messageHeaders();
+        for (std::string& header : headers) {
+            const std::string& key = GetParam().key;
+            if (header.compare(0, key.size() + 1, key + "|") == 0) {
+                header = GetParam().nearKey + header.substr(key.size());
+            }
+        }
+        return headers;
+    }
+};
+
+TEST_P(ReceiverNearKeyTest, InKeyOrderTheMessageIsRefusedAsWithoutThatHeader) {
+    send(requestFrames({}, "MSG", headersWithNearKey(), kBody));
+
+    const auto error = errorOfReceive<ProtocolError>();
+
+    expectProtocolError(error, GetParam().message, GetParam().context);
+}
+
+TEST_P(ReceiverNearKeyTest, InKeyOrderTheRefusalIsTheOneOfAnyOtherOrder) {
+    Frames reversed = headersWithNearKey();
+    std::reverse(reversed.begin(), reversed.end());
+    send(requestFrames({}, "MSG", reversed, kBody));
+    const auto throughTheMap = errorOfReceive<ProtocolError>();
+    ASSERT_TRUE(throughTheMap.has_value());
+    send(requestFrames({}, "MSG", headersWithNearKey(), kBody));
+
+    const auto inKeyOrder = errorOfReceive<ProtocolError>();
+
+    expectProtocolError(inKeyOrder, throughTheMap->what(), throughTheMap->context());
+}
+
+// Each usual key of a message, changed in each of four ways.
+std::vector<NearKeyCase> nearKeyCases() {
+    const Context headerContext{kMessageDecodingContext, kDecodeMsgContext};
+    const Context payloadContext{kPayloadContext, kDecodeMsgContext};
+    std::vector<NearKeyCase> cases;
+    for (const std::string key :
+         {"ack_mode", "app_id", "id", "origin", "p_size", "p_type", "valid_for"}) {
+        std::string message = "Expected \"" + key + "\" header.";
+        Context context = headerContext;
+        if (key == "p_size") {
+            message = kMissingPSizeMessage;
+            context = payloadContext;
+        } else if (key == "p_type") {
+            message = kMissingPTypeMessage;
+            context = payloadContext;
+        }
+        std::string lastChanged = key;
+        lastChanged.back() = static_cast<char>(lastChanged.back() + 1);
+        std::string upperFirst = key;
+        upperFirst.front() = static_cast<char>(upperFirst.front() - 'a' + 'A');
+        for (const std::string& nearKey :
+             {key.substr(0, key.size() - 1), key + "x", lastChanged, upperFirst}) {
+            cases.push_back(NearKeyCase{key, nearKey, message, context});
+        }
+    }
+    return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(UsualMessageKeys, ReceiverNearKeyTest, ::testing::ValuesIn(nearKeyCases()),
+                         [](const ::testing::TestParamInfo<NearKeyCase>& info) {
+                             std::string name;
+                             for (const char c : info.param.nearKey) {
+                                 name += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+                             }
+                             return name + "_for_" + std::to_string(info.index);
+                         });
+
+TEST_F(ReceiverTest, AckHeaderWhoseKeyIsOnlyAPrefixOfTheIdKeyIsNoId) {
+    send(requestFrames({}, "ACK", {"msg_i|" + kMessageId}, kDelimiter));
+
+    const auto error = errorOfReceive<ProtocolError>();
+
+    expectProtocolError(error, kMissingMsgIdMessage, {kAckDecodingContext, kDecodeAckContext});
 }
 
 // --- Frame length limit --------------------------------------------------------
