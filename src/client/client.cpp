@@ -116,8 +116,11 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
     // limited then drops acknowledgements and publications. The client's own
     // MessageQueue is unbounded anyway, and what arrives is held only until
     // the I/O loop reads it.
-    // Options::receiveLimit bounds what waits unread, for an application that
-    // would rather lose publications than memory.
+    // Options::receiveLimit bounds what waits unread on the listener, for an
+    // application that would rather lose publications than memory. The
+    // dispenser's input is the node's answers to what this client wrote
+    // itself: bounding it would only turn the client's own burst into lost
+    // acknowledgements, so it is always read in full.
     // Both sockets are read only through their receivers, so the selector may
     // learn that more requests wait by receiving the next first frame ahead,
     // which costs no system call while requests keep coming.
@@ -126,7 +129,7 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
     try {
         _listener.setReceiveHighWaterMark(_options.receiveLimit);
         _dispenser.setSendHighWaterMark(0);
-        _dispenser.setReceiveHighWaterMark(_options.receiveLimit);
+        _dispenser.setReceiveHighWaterMark(0);
         _dispenser.setSendTimeout(_options.sendTimeout);
     } catch (orviku::Exception& error) {
         error.addContext(

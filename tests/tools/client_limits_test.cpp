@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <list>
 #include <string>
 #include <vector>
@@ -58,6 +59,54 @@ TEST_F(DevNodeTest, MessageWithTheLongestRouteTypeAndIdIsAcknowledgedAndDelivere
         }
     }
     EXPECT_TRUE(senderLoop.errors().empty());
+}
+
+// A node that holds a few megabytes of answers for a client that is not
+// reading: a client which stopped reading its answers during a burst of
+// 100 000 messages would lose acknowledgements there, beyond what the
+// connection's buffers hold.
+class SmallAnswerQueueTest : public DevNodeTest {
+protected:
+    static constexpr int kBurst = 100000;
+    static constexpr int kPeerQueueBytes = 4 * 1024 * 1024;
+
+    void SetUp() override { startNode({"--peer-queue-bytes", std::to_string(kPeerQueueBytes)}); }
+
+    // Queues the burst, each message with a callback that counts, and lends
+    // the thread to the client until all are acknowledged; returns how many
+    // were.
+    int acknowledgedOfBurst(const Client::Options& options) {
+        Client client("burst-sender", listenerPort(), dispenserPort(), {}, options);
+        std::atomic<int> acknowledged{0};
+        for (int i = 0; i < kBurst; ++i) {
+            client.send(Message(orvikm::Payload(0, "text/plain"),
+                                Message::Config(client.id(), {"burst"}, std::chrono::seconds(60),
+                                                Message::AckMode::ByNode)),
+                        [&acknowledged] { ++acknowledged; });
+        }
+        const Client::FlushResult result = client.flush(60s);
+        EXPECT_TRUE(result.complete);
+        return acknowledged.load();
+    }
+};
+
+// The dispenser's input is the node's answers to what the client itself
+// wrote: the receive limit, which bounds publications, loses none of them.
+TEST_F(SmallAnswerQueueTest, AReceiveLimitLosesNoAcknowledgementOfABurst) {
+    Client::Options options;
+    options.receiveLimit = 10;
+
+    EXPECT_EQ(acknowledgedOfBurst(options), kBurst);
+    EXPECT_EQ(logLinesContaining("dropped"), 0u);
+}
+
+TEST_F(SmallAnswerQueueTest, AReceiveLimitLosesNoAcknowledgementOfABurstWrittenInBatches) {
+    Client::Options options;
+    options.receiveLimit = 10;
+    options.maxWriteBatch = 1024;
+
+    EXPECT_EQ(acknowledgedOfBurst(options), kBurst);
+    EXPECT_EQ(logLinesContaining("dropped"), 0u);
 }
 
 }  // namespace
