@@ -163,18 +163,26 @@ public:
     static constexpr std::size_t _max_app_id_size = 93;
 
     /// Settings beyond the constructor's four arguments. The defaults are the
-    /// client's behaviour without options.
+    /// client's behaviour without options. A duration too large to add to a
+    /// clock's time (milliseconds::max(), say) means no bound.
     struct Options {
         /// With a value, a pass's reading step ends after at most this long,
         /// so that queued messages are written under steady inbound traffic.
         /// 0: a pass reads until the sockets are quiet.
         std::chrono::milliseconds maxReadTime{0};
-        /// Inbound messages each socket queues while the application does not
+        /// Publications the listener queues while the application does not
         /// read (ZeroMQ's receive high-water mark); what the node then drops is
-        /// the node's business. 0: unbounded.
+        /// the node's business. 0: unbounded. The dispenser is never bounded:
+        /// what arrives there answers what the client wrote itself, and a
+        /// bound would turn a burst of the client's own into lost
+        /// acknowledgements.
         int receiveLimit{0};
         /// How long one write may wait for the node before it fails with error
-        /// 11 ("not available").
+        /// 11 ("not available"). A flush waits at most until its deadline.
+        /// 0: a write never waits, so one that finds the connection down fails
+        /// at once; a flush then tries such a write again until its deadline
+        /// (a flush right after construction waits for the connection to be
+        /// set up), blockThreadForIO reports it at once.
         std::chrono::milliseconds sendTimeout{500};
         /// With a value, a pass writes at most this many queued messages, then
         /// reads, and the next pass goes on with the queue: acknowledgements
@@ -262,6 +270,12 @@ public:
     /// loop; any other exception reaches errorHandler as a GeneralException and
     /// is then rethrown. A shut-down socket context ends the loop silently.
     ///
+    /// Be ready for those rethrown standard exceptions: a publication whose
+    /// numbers do not parse ("p_size" of "abc", a "valid_for" beyond 64 bits)
+    /// arrives as std::invalid_argument or std::out_of_range, with the bad
+    /// message already dropped; a callback's own exceptions come the same way.
+    /// The client stays usable: catch them around the call and call it again.
+    ///
     /// Only the low 32 bits of `timeout` reach the selector, and a negative
     /// count there means no wait: keep it between 0 and 2^31-1 ms (about 24
     /// days). A pass reads for as long as input keeps coming: with traffic
@@ -299,17 +313,25 @@ public:
 
     /// What a flush left behind when it returned.
     struct FlushResult {
-        bool complete;            ///< everything was written and every callback acknowledged
+        /// Every message was written and every one with an acknowledgement
+        /// callback was acknowledged: nothing is queued, nothing awaits its
+        /// acknowledgement, and no message was reported unacknowledged.
+        bool complete;
         std::size_t queued;       ///< messages still waiting to be written
         std::size_t awaitingAck;  ///< acknowledgement callbacks still waiting
+        std::size_t
+            unacknowledged;  ///< messages reported through onUnacknowledged during the flush
     };
     /// Runs the I/O loop on the calling thread until nothing is queued and no
     /// acknowledgement callback is pending, or `deadline` has passed, or an
     /// error occurs (handed to errorHandler as in blockThreadForIO; flush then
-    /// returns), or terminate() is called. For an application that lends a
-    /// thread only at the end ("everything I sent arrived before I exit") as
-    /// much as for one that never calls blockThreadForIO. Refused, like a
-    /// second loop, while a loop runs.
+    /// returns, and an exception outside the orviku family is rethrown), or
+    /// terminate() is called. For an application that lends a thread only at
+    /// the end ("everything I sent arrived before I exit") as much as for one
+    /// that never calls blockThreadForIO. A deadline too large for the clock
+    /// means until complete; a write waits for the node at most until the
+    /// deadline, so flush returns within it (plus a few milliseconds).
+    /// Refused, like a second loop, while a loop runs.
     FlushResult flush(std::chrono::milliseconds deadline,
                       std::function<void(orviku::Exception&)> errorHandler = nullptr);
 
@@ -321,6 +343,9 @@ public:
     /// checked about every 100 ms while a loop or flush runs. Only messages
     /// sent while a report callback is set are watched. Unset (the default, or
     /// an empty callback), nothing expires. Same thread rules as onMessage.
+    /// A report callback that throws ends the loop as a message callback
+    /// would; the messages that expired with its message are reported, each
+    /// once, when a loop or flush runs next.
     void onUnacknowledged(std::function<void(const std::string& msgId)> callback);
 
 private:
@@ -354,7 +379,12 @@ private:
     void note_acknowledged(const detail::WatchId& msgId);
     // Notes the writes kept in _written_ids.
     void note_written();
+    // Reports what has expired, at most every 100 ms, and whatever an earlier
+    // report callback that threw left unreported.
     void expire_due();
+    // Takes the messages whose validity ran out at `now` out of the queue and
+    // the callback table, and adds them to _pending_reports.
+    void take_expired(std::chrono::steady_clock::time_point now);
 
     std::chrono::system_clock::time_point _last_inbox;
     std::chrono::seconds _inbox_interval;
@@ -413,6 +443,9 @@ private:
     // Written by the I/O thread and noted in _watched a group at a time.
     std::unique_ptr<detail::WrittenIds> _written_ids;
     std::chrono::steady_clock::time_point _next_expiry_check;
+    // Expired messages not reported yet: a report callback threw before their
+    // turn.
+    std::deque<std::string> _pending_reports;
 };
 
 }  // namespace orvikm

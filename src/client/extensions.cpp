@@ -1,8 +1,13 @@
 #include <orvikm/client.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <exception>
 #include <unordered_set>
 #include <utility>
+
+#include <wxblt/exception.hpp>
 
 #include "intervals.hpp"
 #include "loop_support.hpp"
@@ -23,6 +28,43 @@ constexpr std::chrono::milliseconds expiry_check_interval(100);
 // that messages queued by other threads meanwhile are written.
 constexpr std::chrono::milliseconds flush_poll_limit(10);
 
+// A flush's writes wait for the node at most until its deadline: the
+// dispenser's send timeout is shortened for the writes that come close to it,
+// and set back to the client's own when the flush returns.
+class FlushSendTimeout {
+public:
+    FlushSendTimeout(wxblt::Socket& dispenser, std::chrono::milliseconds own)
+        : _dispenser(dispenser), _own(own), _set(own) {}
+    FlushSendTimeout(const FlushSendTimeout&) = delete;
+    FlushSendTimeout& operator=(const FlushSendTimeout&) = delete;
+    ~FlushSendTimeout() {
+        if (_set == _own) {
+            return;
+        }
+        try {
+            _dispenser.setSendTimeout(_own);
+        } catch (const orviku::Exception&) {
+            // Only a context being shut down refuses it; nothing writes then.
+        }
+    }
+
+    // A timeout of 0 stays 0: it is left to retriesUnavailable().
+    void limitTo(std::chrono::milliseconds left) const {
+        const std::chrono::milliseconds wanted =
+            _own.count() == 0 ? _own : std::clamp(left, std::chrono::milliseconds(1), _own);
+        if (wanted != _set) {
+            _dispenser.setSendTimeout(wanted);
+            _set = wanted;
+        }
+    }
+    bool retriesUnavailable() const { return _own.count() == 0; }
+
+private:
+    wxblt::Socket& _dispenser;
+    const std::chrono::milliseconds _own;
+    mutable std::chrono::milliseconds _set;
+};
+
 }  // namespace
 
 Client::Stats Client::stats() const {
@@ -37,11 +79,29 @@ Client::FlushResult Client::flush(std::chrono::milliseconds deadline,
     forget_termination();
     const Steady::time_point end =
         detail::steadyAfter(Steady::now(), std::max(deadline, deadline.zero()));
+    const auto timeLeft = [end] {
+        return std::chrono::ceil<std::chrono::milliseconds>(end - Steady::now());
+    };
+    const std::uint64_t reportedBefore = _unacknowledged.load();
     const auto done = [this] { return _msg_queue.size() == 0 && _result_callbacks.size() == 0; };
+    const FlushSendTimeout sendTimeout(_dispenser, _options.sendTimeout);
     try {
+        // Without a send timeout a write never waits, so one that finds the
+        // connection still being set up is tried again after the wait for
+        // input below; its error is reported only at the deadline.
+        std::exception_ptr unavailable;
         for (;;) {
             expire_due();
-            send_all_msgs();
+            try {
+                sendTimeout.limitTo(timeLeft());
+                send_all_msgs();
+                unavailable = nullptr;
+            } catch (wxblt::Exception& error) {
+                if (!sendTimeout.retriesUnavailable() || error.errorNumber() != EAGAIN) {
+                    throw;
+                }
+                unavailable = std::current_exception();
+            }
             if (done()) {
                 break;
             }
@@ -51,8 +111,11 @@ Client::FlushResult Client::flush(std::chrono::milliseconds deadline,
                     break;
                 }
             }
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Steady::now());
+            const auto left = timeLeft();
             if (left.count() <= 0) {
+                if (unavailable) {
+                    std::rethrow_exception(unavailable);
+                }
                 break;
             }
             // Input is read as it comes; the completion test follows each
@@ -69,7 +132,9 @@ Client::FlushResult Client::flush(std::chrono::milliseconds deadline,
     }
     const std::size_t queued = _msg_queue.size();
     const std::size_t awaiting = _result_callbacks.size();
-    return FlushResult{queued == 0 && awaiting == 0, queued, awaiting};
+    const auto unacknowledged = static_cast<std::size_t>(_unacknowledged.load() - reportedBefore);
+    return FlushResult{queued == 0 && awaiting == 0 && unacknowledged == 0, queued, awaiting,
+                       unacknowledged};
 }
 
 void Client::onUnacknowledged(std::function<void(const std::string& msgId)> callback) {
@@ -83,6 +148,7 @@ void Client::onUnacknowledged(std::function<void(const std::string& msgId)> call
             _sent_watches->clear();
         }
         _watched->clear();
+        _pending_reports.clear();
     }
 }
 
@@ -123,11 +189,24 @@ void Client::expire_due() {
         return;
     }
     const Steady::time_point now = Steady::now();
-    if (now < _next_expiry_check) {
-        return;
+    if (now >= _next_expiry_check) {
+        _next_expiry_check = now + expiry_check_interval;
+        take_expired(now);
     }
-    _next_expiry_check = now + expiry_check_interval;
+    // One at a time off the front: when a report callback throws, the reports
+    // after it stay for the loop's next pass, or its next run.
+    while (!_pending_reports.empty()) {
+        std::string id = std::move(_pending_reports.front());
+        _pending_reports.pop_front();
+        if (!_on_unacknowledged) {
+            continue;
+        }
+        ++_unacknowledged;
+        detail::callReplaceable(_on_unacknowledged, _on_unacknowledged_replaced, id);
+    }
+}
 
+void Client::take_expired(std::chrono::steady_clock::time_point now) {
     std::vector<std::string> queued;
     std::vector<std::string> written;
     watch_sent();
@@ -147,12 +226,10 @@ void Client::expire_due() {
         }
     }
     for (std::vector<std::string>* ids : {&queued, &written}) {
-        for (const std::string& id : *ids) {
-            if (id.empty() || !_on_unacknowledged) {
-                continue;
+        for (std::string& id : *ids) {
+            if (!id.empty()) {
+                _pending_reports.push_back(std::move(id));
             }
-            ++_unacknowledged;
-            detail::callReplaceable(_on_unacknowledged, _on_unacknowledged_replaced, id);
         }
     }
 }

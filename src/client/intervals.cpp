@@ -64,6 +64,10 @@ Steady::time_point steadyAfter(Steady::time_point now, std::chrono::nanoseconds 
     return steadyAt(Wide{now.time_since_epoch().count()} + Wide{duration.count()});
 }
 
+Steady::time_point steadyAfter(Steady::time_point now, std::chrono::milliseconds duration) {
+    return steadyAt(Wide{now.time_since_epoch().count()} + Wide{duration.count()} * 1000000);
+}
+
 Steady::time_point steadyAfter(Steady::time_point now, std::chrono::seconds duration) {
     return steadyAt(Wide{now.time_since_epoch().count()} + Wide{duration.count()} * 1000000000);
 }

@@ -17,9 +17,13 @@ TimePoint earlierBy(TimePoint now, std::chrono::seconds interval);
 bool intervalPassed(TimePoint last, std::chrono::seconds interval, TimePoint now);
 
 // `now` plus `duration` on the steady clock, held at the clock's range: a
-// validity of seconds::max() is a deadline that never comes.
+// validity of seconds::max() or a bound of milliseconds::max() is a deadline
+// that never comes. Each unit has its own overload, since converting a large
+// count to nanoseconds first would overflow.
 std::chrono::steady_clock::time_point steadyAfter(std::chrono::steady_clock::time_point now,
                                                   std::chrono::nanoseconds duration);
+std::chrono::steady_clock::time_point steadyAfter(std::chrono::steady_clock::time_point now,
+                                                  std::chrono::milliseconds duration);
 std::chrono::steady_clock::time_point steadyAfter(std::chrono::steady_clock::time_point now,
                                                   std::chrono::seconds duration);
 

@@ -101,7 +101,7 @@ void Client::read_until_quiet(std::chrono::milliseconds timeout) {
         return;
     }
     using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + _options.maxReadTime;
+    const Clock::time_point end = detail::steadyAfter(Clock::now(), _options.maxReadTime);
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
         if (left.count() <= 0 || !poll_once(std::min(timeout, left))) {

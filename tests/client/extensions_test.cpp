@@ -87,6 +87,20 @@ std::vector<std::string> published(const std::string& id) {
     return frames;
 }
 
+// The node acknowledges every message it reads, on a thread of its own, until
+// `count` have been read or the wait for one runs out.
+std::future<void> acknowledgeEach(TestNode& node, int count) {
+    return std::async(std::launch::async, [&node, count] {
+        for (int i = 0; i < count; ++i) {
+            const auto written = node.receiveCommand(kMessageCommand);
+            if (!written) {
+                return;
+            }
+            node.sendTo(kDispenserIdentity, testsupport::ackFrames(written->headers.at("id")));
+        }
+    });
+}
+
 // Report callbacks run on the I/O thread; the test reads what they recorded.
 class Reports {
 public:
@@ -192,6 +206,107 @@ TEST(ClientFlushTest, FlushWithTheNodeAbsentHandsTheErrorOverAndEndsIncomplete) 
     EXPECT_NE(errors[0].find(kNotAvailable), std::string::npos) << errors[0];
     EXPECT_NE(errors[0].find(id), std::string::npos) << errors[0];
     EXPECT_EQ(client.stats().errors, 1u);
+}
+
+// A deadline too large for the clock means "until complete", not "already
+// passed".
+TEST(ClientFlushTest, FlushWithTheLargestDeadlineWaitsUntilComplete) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged);
+    auto answering = acknowledgeEach(node, 1);
+
+    const Client::FlushResult result = client.flush(std::chrono::milliseconds::max());
+
+    answering.wait();
+    EXPECT_TRUE(result.complete);
+    EXPECT_EQ(result.awaitingAck, 0u);
+    EXPECT_EQ(acknowledged.load(), 1);
+}
+
+// A message whose acknowledgement never came is not delivered, though the
+// report took its callback away.
+TEST(ClientFlushTest, MessageReportedUnacknowledgedDuringAFlushLeavesItIncomplete) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    std::atomic<int> acknowledged{0};
+    const std::string id = sendCounted(client, acknowledged, kShortValidity);
+
+    const Client::FlushResult result = client.flush(kEventLimit);
+
+    EXPECT_FALSE(result.complete);
+    EXPECT_EQ(result.queued, 0u);
+    EXPECT_EQ(result.awaitingAck, 0u);
+    EXPECT_EQ(result.unacknowledged, 1u);
+    EXPECT_EQ(reports.ids(), std::vector<std::string>{id});
+    EXPECT_TRUE(node.receiveCommand(kMessageCommand));
+}
+
+TEST(ClientFlushTest, FlushCountsOnlyTheReportsMadeDuringIt) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    Reports reports;
+    client.onUnacknowledged(reports.callback());
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged, kShortValidity);
+    ASSERT_FALSE(client.flush(kEventLimit).complete);
+    sendCounted(client, acknowledged);
+    auto answering = acknowledgeEach(node, 2);
+
+    const Client::FlushResult result = client.flush(kEventLimit);
+
+    answering.wait();
+    EXPECT_TRUE(result.complete);
+    EXPECT_EQ(result.unacknowledged, 0u);
+    EXPECT_EQ(client.stats().unacknowledged, 1u);
+}
+
+// A write waits for an absent node at most until the flush's deadline, not
+// for the whole send timeout.
+TEST(ClientFlushTest, FlushWithTheNodeAbsentReturnsWithinItsDeadline) {
+    testsupport::ReservedPort listener;
+    testsupport::ReservedPort dispenser;
+    Client::Options options;
+    options.sendTimeout = 5s;
+    Client client(kAppId, listener.port(), dispenser.port(), {}, options);
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged);
+    std::vector<int> errorNumbers;
+    const auto start = Steady::now();
+
+    const Client::FlushResult result = client.flush(100ms, [&](orviku::Exception& error) {
+        auto* socketError = dynamic_cast<wxblt::Exception*>(&error);
+        errorNumbers.push_back(socketError ? socketError->errorNumber() : 0);
+    });
+
+    const auto took = Steady::now() - start;
+    EXPECT_LT(took, 400ms);
+    EXPECT_FALSE(result.complete);
+    EXPECT_EQ(result.queued, 1u);
+    EXPECT_EQ(errorNumbers, std::vector<int>{11});
+}
+
+// The send timeout a flush shortens for its last writes is the client's own
+// again afterwards: a later flush with time enough waits it out in full.
+TEST(ClientFlushTest, AShortFlushLeavesTheSendTimeoutAsItWas) {
+    testsupport::ReservedPort listener;
+    testsupport::ReservedPort dispenser;
+    Client::Options options;
+    options.sendTimeout = 600ms;
+    Client client(kAppId, listener.port(), dispenser.port(), {}, options);
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged);
+    client.flush(50ms, [](orviku::Exception&) {});
+    const auto start = Steady::now();
+
+    client.flush(kEventLimit, [](orviku::Exception&) {});
+
+    const auto took = Steady::now() - start;
+    EXPECT_GE(took, 550ms);
+    EXPECT_LT(took, 3s);
 }
 
 TEST(ClientFlushTest, FlushWhileTheLoopRunsIsRefused) {
@@ -504,6 +619,42 @@ TEST(ClientUnacknowledgedTest,
     EXPECT_EQ(client.stats().awaitingAck, 0u);
 }
 
+// A report callback that throws ends the loop as an acknowledgement callback
+// would; the messages that expired with its message are reported by the next
+// loop, each once.
+TEST(ClientUnacknowledgedTest, AReportCallbackThatThrowsLosesNoOtherReport) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    std::vector<std::string> reported;
+    client.onUnacknowledged([&reported](const std::string& id) {
+        reported.push_back(id);
+        if (reported.size() == 1) {
+            throw orvikm::Exception("the report's first callback fails");
+        }
+    });
+    std::atomic<int> acknowledged{0};
+    const std::vector<std::string> ids = sendManyCounted(client, acknowledged, 3, kShortValidity);
+    std::vector<std::string> errors;
+    const auto keepError = [&errors](orviku::Exception& error) { errors.push_back(error.what()); };
+    {
+        LoopThread loop(client, keepError);
+        ASSERT_TRUE(loop.endsWithin(kEventLimit));
+    }
+    ASSERT_EQ(errors, std::vector<std::string>{"the report's first callback fails"});
+    ASSERT_EQ(reported.size(), 1u);
+
+    const Client::FlushResult result = client.flush(kEventLimit, keepError);
+
+    EXPECT_EQ(sorted(reported), sorted(ids));
+    EXPECT_EQ(result.unacknowledged, 2u);
+    EXPECT_EQ(errors.size(), 1u);
+    const Client::Stats stats = client.stats();
+    EXPECT_EQ(stats.unacknowledged, 3u);
+    EXPECT_EQ(stats.queued, 0u);
+    EXPECT_EQ(stats.awaitingAck, 0u);
+    EXPECT_EQ(stats.written, 3u);
+}
+
 TEST(ClientUnacknowledgedTest, MessageWithoutCallbackIsNotReported) {
     TestNode node;
     Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
@@ -655,6 +806,73 @@ TEST(ClientOptionsTest, SendTimeoutSetsHowLongAWriteWaitsForAnAbsentNode) {
     const auto took = Steady::now() - start;
     EXPECT_EQ(errorNumbers, std::vector<int>{11});
     EXPECT_LT(took, 400ms);
+}
+
+// A bound too large to add to the clock is no bound: the loop reads and
+// writes as without one.
+TEST(ClientOptionsTest, TheLargestMaxReadTimeMeansNoBound) {
+    constexpr int kMessages = 5;
+    TestNode node;
+    Client::Options options;
+    options.maxReadTime = std::chrono::milliseconds::max();
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {}, options);
+    std::atomic<int> acknowledged{0};
+    sendManyCounted(client, acknowledged, kMessages, kLongValidity);
+    auto answering = acknowledgeEach(node, kMessages);
+    LoopThread loop(client, nullptr);
+
+    answering.wait();
+    const auto end = Steady::now() + kEventLimit;
+    while (acknowledged.load() < kMessages && Steady::now() < end) {
+        std::this_thread::sleep_for(10ms);
+    }
+
+    EXPECT_EQ(acknowledged.load(), kMessages);
+}
+
+// With a send timeout of 0 a write never waits; a flush tries a write that
+// found the connection not yet set up again until its deadline.
+TEST(ClientOptionsTest, WithNoSendTimeoutAFlushRightAfterConstructionCompletes) {
+    TestNode node;
+    Client::Options options;
+    options.sendTimeout = 0ms;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {}, options);
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged);
+    auto answering = acknowledgeEach(node, 1);
+    std::vector<std::string> errors;
+
+    const Client::FlushResult result = client.flush(
+        kEventLimit, [&errors](orviku::Exception& error) { errors.push_back(error.describe()); });
+
+    answering.wait();
+    EXPECT_TRUE(errors.empty()) << errors.front();
+    EXPECT_TRUE(result.complete);
+    EXPECT_EQ(acknowledged.load(), 1);
+}
+
+TEST(ClientOptionsTest, WithNoSendTimeoutAFlushReportsAnAbsentNodeAtItsDeadline) {
+    testsupport::ReservedPort listener;
+    testsupport::ReservedPort dispenser;
+    Client::Options options;
+    options.sendTimeout = 0ms;
+    Client client(kAppId, listener.port(), dispenser.port(), {}, options);
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged);
+    std::vector<int> errorNumbers;
+    const auto start = Steady::now();
+
+    const Client::FlushResult result = client.flush(300ms, [&](orviku::Exception& error) {
+        auto* socketError = dynamic_cast<wxblt::Exception*>(&error);
+        errorNumbers.push_back(socketError ? socketError->errorNumber() : 0);
+    });
+
+    const auto took = Steady::now() - start;
+    EXPECT_GE(took, 250ms);
+    EXPECT_LT(took, 1s);
+    EXPECT_FALSE(result.complete);
+    EXPECT_EQ(result.queued, 1u);
+    EXPECT_EQ(errorNumbers, std::vector<int>{11});
 }
 
 TEST(ClientOptionsTest, NegativeOptionsAreRefused) {
