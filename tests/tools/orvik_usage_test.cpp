@@ -162,13 +162,15 @@ TEST_P(OrvikSubcommandHelpTest, HelpNamesEveryOptionOfTheSubcommandAndTheCommonO
 
 INSTANTIATE_TEST_SUITE_P(
     Subcommands, OrvikSubcommandHelpTest,
-    ::testing::Values(
-        SubcommandHelp{"send",
-                       {"--route", "--type", "--valid-for", "--ack", "--count", "--file", "data",
-                        "sent N, acknowledged M"}},
-        SubcommandHelp{"listen", {"--subscribe", "--count", "--no-ack", "--format", "body_base64"}},
-        SubcommandHelp{"registry", {"--watch", "--count", "--format"}},
-        SubcommandHelp{"bench", {"--count", "--size", "--window", "--route", "--format"}}),
+    ::testing::Values(SubcommandHelp{"send",
+                                     {"--route", "--type", "--valid-for", "--ack", "--count",
+                                      "--file", "data", "sent N, acknowledged M"}},
+                      SubcommandHelp{"listen",
+                                     {"--subscribe", "--count", "--no-ack", "--format",
+                                      "body_base64", "routes_base64"}},
+                      SubcommandHelp{"registry", {"--watch", "--count", "--format"}},
+                      SubcommandHelp{"bench",
+                                     {"--count", "--size", "--window", "--route", "--format"}}),
     [](const ::testing::TestParamInfo<SubcommandHelp>& info) {
         return std::string(info.param.subcommand);
     });

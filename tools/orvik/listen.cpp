@@ -29,12 +29,17 @@ the sender: the node publishes only to subscriptions it already knows.
 
 Text format, one line a message:
   ID from APP_ID on ROUTES (TYPE, SIZE bytes, valid SECONDS s, ack MODE): BODY
-with control characters and bytes that are not UTF-8 escaped (\n, \t, \\, \xHH).
+with control characters (C0, DEL and C1: U+0080 to U+009F) and bytes that
+are not UTF-8 escaped (\n, \t, \\, \xHH for each byte).
 
 JSON format, one object a line, with the keys id, app_id, routes (array),
 type, size, valid_for (seconds), ack_mode (0 none, 1 node, 2 receivers),
 origin (array), body (the payload as a string when it is valid UTF-8, else
-null) and body_base64 (the payload in base64, always).
+null) and body_base64 (the payload in base64, always). An id, app_id or
+type that is not valid UTF-8 shows with U+FFFD in place of the bytes that
+are not, and id_base64, app_id_base64 or type_base64 follows it with its
+exact bytes; when any route (origin) is not valid UTF-8, routes_base64
+(origin_base64) follows with every element in base64.
 
 Without -n, orvik listen prints messages until the deadline (--timeout; 0 for
 none) or Ctrl-C, and exits 0. With -n it exits 0 after COUNT messages, and 1
