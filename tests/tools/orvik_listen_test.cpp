@@ -1,5 +1,6 @@
 // orvik listen against orvik-devnode, with messages sent by orvik send.
 #include <csignal>
+#include <map>
 #include <regex>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 
 #include "orvik_fixture.hpp"
 #include "support/reserved_port.hpp"
+#include "support/test_node.hpp"
 
 namespace orviktest {
 namespace {
@@ -190,6 +192,84 @@ INSTANTIATE_TEST_SUITE_P(Signals, OrvikListenStopTest, ::testing::Values(SIGINT,
                          [](const ::testing::TestParamInfo<int>& info) {
                              return std::string(info.param == SIGTERM ? "Sigterm" : "Sigint");
                          });
+
+const std::string kDropped =
+    "orvik listen: dropped a message from the node that could not be read: ";
+
+// A header of a published message that the library cannot read; no value:
+// the header is left out.
+struct HostileHeader {
+    const char* name;
+    const char* key;
+    std::optional<std::string> value;
+};
+
+void PrintTo(const HostileHeader& header, std::ostream* out) {
+    *out << header.name;
+}
+
+// What a node publishes along kRoute: the topic frame, then the message's
+// frames.
+std::vector<std::string> publication(const std::map<std::string, std::string>& headers,
+                                     const std::string& payload) {
+    std::vector<std::string> frames{kRoute};
+    const std::vector<std::string> message = testsupport::messageFrames({kRoute}, headers, payload);
+    frames.insert(frames.end(), message.begin(), message.end());
+    return frames;
+}
+
+std::map<std::string, std::string> usualHeaders(const std::string& id, const std::string& payload) {
+    return {{"ack_mode", "1"},
+            {"app_id", "hostile-app"},
+            {"id", id},
+            {"origin", ","},
+            {"p_size", std::to_string(payload.size())},
+            {"p_type", "text/plain"},
+            {"valid_for", "30"}};
+}
+
+class OrvikListenHostileTest : public ::testing::TestWithParam<HostileHeader> {};
+
+TEST_P(OrvikListenHostileTest, AMessageThatCannotBeReadIsReportedDroppedAndListeningGoesOn) {
+    testsupport::TestNode node;
+    OrvikCommand listener({"listen", "-l", std::to_string(node.listenerPort()), "-d",
+                           std::to_string(node.dispenserPort()), "-s", kRoute, "--timeout", "0"});
+    ASSERT_TRUE(node.waitForSubscription(kRoute, kEventLimit)) << listener.standardError();
+    std::map<std::string, std::string> hostile = usualHeaders("hostile-id", "bad");
+    if (GetParam().value) {
+        hostile[GetParam().key] = *GetParam().value;
+    } else {
+        hostile.erase(GetParam().key);
+    }
+    const std::string goodId = "0b5ad2a4-3d69-4c4a-9d7e-2f4f1c3e8a10";
+
+    node.publish(publication(hostile, "bad"));
+    node.publish(publication(usualHeaders(goodId, "good"), "good"));
+
+    ASSERT_TRUE(listener.waitForLine(goodId, kEventLimit)) << listener.standardError();
+    const std::optional<testsupport::WrittenRequest> ack = node.receiveCommand("ACK", kEventLimit);
+    ASSERT_TRUE(ack.has_value());
+    EXPECT_EQ(ack->headers.at("msg_id"), goodId);
+    listener.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = listener.waitForExit(kRunLimit);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 0) << listener.standardError();
+    const std::vector<std::string> errors =
+        testsupport::program_process_detail::splitLines(listener.standardError());
+    ASSERT_EQ(errors.size(), 2u) << listener.standardError();
+    EXPECT_EQ(errors[0].rfind(kDropped, 0), 0u) << errors[0];
+    EXPECT_GT(errors[0].size(), kDropped.size()) << "the error's own text is missing";
+    EXPECT_EQ(errors[1], "orvik listen: interrupted (received 1)");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Headers, OrvikListenHostileTest,
+    ::testing::Values(HostileHeader{"SizeThatIsNoNumber", "p_size", "abc"},
+                      HostileHeader{"ValidityOutOfRange", "valid_for", "99999999999999999999"},
+                      HostileHeader{"AckModeThatIsNoNumber", "ack_mode", "one"},
+                      HostileHeader{"TypeMissing", "p_type", std::nullopt}),
+    [](const ::testing::TestParamInfo<HostileHeader>& info) { return info.param.name; });
 
 TEST(OrvikListenAloneTest, AbsentNodeFailsWithinTheDeadline) {
     const testsupport::ReservedPort listenerPort;

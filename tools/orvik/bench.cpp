@@ -6,6 +6,7 @@
 #include <atomic>
 #include <climits>
 #include <condition_variable>
+#include <exception>
 #include <iostream>
 #include <mutex>
 #include <optional>
@@ -94,12 +95,20 @@ public:
         } catch (const orvikm::Exception& refused) {
             throw CLI::ValidationError(oneLine(refused));
         }
+        // What ends the worker early is reported once the loop is over: an
+        // exception must not leave a thread.
+        std::string workerError;
         std::thread worker([&] {
-            for (unsigned long long i = 1; i < _count; ++i) {
-                if (!waitForRoom(window)) {
-                    return;
+            try {
+                for (unsigned long long i = 1; i < _count; ++i) {
+                    if (!waitForRoom(window)) {
+                        return;
+                    }
+                    queue(sender, i);
                 }
-                queue(sender, i);
+            } catch (const std::exception& failure) {
+                workerError = unexpectedError(failure);
+                sender.terminate();
             }
         });
 
@@ -114,8 +123,12 @@ public:
                               << std::flush;
                 }
             });
-            client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
-                                     kLoopTimeout);
+            try {
+                client->blockThreadForIO(
+                    [&](orviku::Exception& failure) { error = oneLine(failure); }, kLoopTimeout);
+            } catch (const std::exception& failure) {
+                error = unexpectedError(failure);
+            }
             stopped = stopper.describe();
             if (progress) {
                 std::cerr << "\r" << output::benchProgress(_queued.load(), _acked.load(), _count)
@@ -138,6 +151,9 @@ public:
             std::cout << output::benchText(figures) << std::flush;
         }
 
+        if (error.empty()) {
+            error = workerError;
+        }
         if (error.empty() && _acked.load() < _count) {
             error = stopped.empty() ? "stopped" : stopped;
         }

@@ -87,6 +87,10 @@ std::string oneLine(const orviku::Exception& error) {
     return line;
 }
 
+std::string unexpectedError(const std::exception& error) {
+    return std::string("unexpected error: ") + error.what();
+}
+
 void reportFailure(const std::string& command, const std::string& text) {
     std::cerr << "orvik " << command << ": " << text << std::endl;
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -67,6 +68,11 @@ private:
 // The error in one line: what() and then each context line, innermost first,
 // joined by "; ".
 std::string oneLine(const orviku::Exception& error);
+
+// An exception from outside the orviku family in one line. The library passes
+// such exceptions on out of its I/O loop (a header number it cannot read, for
+// one), after the error handler has seen a GeneralException for them.
+std::string unexpectedError(const std::exception& error);
 
 // Writes "orvik COMMAND: TEXT" on standard error.
 void reportFailure(const std::string& command, const std::string& text);

@@ -2,11 +2,13 @@
 // acknowledges it there with sendAck(), and lends the main thread to
 // blockThreadForIO until enough messages came or the deadline passed.
 #include <climits>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <orvikm/errors.hpp>
 #include <orvikm/orvikm.hpp>
 
 #include "common.hpp"
@@ -20,6 +22,8 @@ namespace {
 // while messages keep arriving.
 constexpr std::chrono::milliseconds kMaxReadTime(50);
 constexpr std::chrono::milliseconds kLoopTimeout(20);
+
+const std::string kDropped = "dropped a message from the node that could not be read: ";
 
 const char* const kFooter =
     R"(The node publishes a message once for each of its push routes, with the route
@@ -40,6 +44,12 @@ type that is not valid UTF-8 shows with U+FFFD in place of the bytes that
 are not, and id_base64, app_id_base64 or type_base64 follows it with its
 exact bytes; when any route (origin) is not valid UTF-8, routes_base64
 (origin_base64) follows with every element in base64.
+
+A message from the node that the library cannot read (a malformed frame, a
+header number out of range) is dropped: one line on standard error says so
+with the library's reason,
+  orvik listen: dropped a message from the node that could not be read: WHY
+and listening goes on.
 
 Without -n, orvik listen prints messages until the deadline (--timeout; 0 for
 none) or Ctrl-C, and exits 0. With -n it exits 0 after COUNT messages, and 1
@@ -107,8 +117,33 @@ public:
         LoopStopper::Reason stopped = LoopStopper::Reason::None;
         {
             const LoopStopper stopper(*client, deadline);
-            client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
-                                     kLoopTimeout);
+            // A message the library cannot read ends its loop: it is dropped,
+            // said so, and the loop goes on. A new loop forgets a terminate()
+            // from before it, so the reasons to stop are looked at here too.
+            for (;;) {
+                std::string dropped;
+                error.clear();
+                try {
+                    client->blockThreadForIO(
+                        [&](orviku::Exception& failure) {
+                            const bool unreadable =
+                                dynamic_cast<orvikm::ProtocolError*>(&failure) != nullptr;
+                            (unreadable ? dropped : error) = oneLine(failure);
+                        },
+                        kLoopTimeout);
+                } catch (const std::exception& failure) {
+                    error.clear();
+                    dropped = failure.what();
+                }
+                if (dropped.empty()) {
+                    break;
+                }
+                reportFailure("listen", kDropped + dropped);
+                if (stopper.reason() != LoopStopper::Reason::None ||
+                    (counted && received >= _count)) {
+                    break;
+                }
+            }
             stopped = stopper.reason();
             if (error.empty() && counted && received < _count) {
                 error = stopper.describe();

@@ -93,6 +93,11 @@ void defineCommonOptions(CLI::App& app, orvik::Common& common) {
         ->group("Common options");
 }
 
+std::string subcommandName(const CLI::App& app) {
+    const std::vector<CLI::App*> parsed = app.get_subcommands();
+    return parsed.empty() ? "" : parsed[0]->get_name();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -144,9 +149,15 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? orvik::kSuccess : orvik::kUsage;
     } catch (const orviku::Exception& error) {
-        orvik::reportFailure(
-            app.get_subcommands().empty() ? "" : app.get_subcommands()[0]->get_name(),
-            orvik::oneLine(error));
+        orvik::reportFailure(subcommandName(app), orvik::oneLine(error));
+        return orvik::kFailure;
+    } catch (const std::exception& error) {
+        // The library passes on what is not of its own family; whatever a
+        // subcommand did not handle ends the run with one line, not a signal.
+        orvik::reportFailure(subcommandName(app), orvik::unexpectedError(error));
+        return orvik::kFailure;
+    } catch (...) {
+        orvik::reportFailure(subcommandName(app), "unexpected error of an unknown kind");
         return orvik::kFailure;
     }
     return orvik::kUsage;

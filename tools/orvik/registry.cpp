@@ -2,6 +2,7 @@
 // few seconds, prints each one from the registry callback, and lends the main
 // thread to blockThreadForIO until enough came or the deadline passed.
 #include <climits>
+#include <exception>
 #include <iostream>
 #include <string>
 
@@ -81,8 +82,12 @@ public:
         LoopStopper::Reason stopped = LoopStopper::Reason::None;
         {
             const LoopStopper stopper(*client, deadline);
-            client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
-                                     kLoopTimeout);
+            try {
+                client->blockThreadForIO(
+                    [&](orviku::Exception& failure) { error = oneLine(failure); }, kLoopTimeout);
+            } catch (const std::exception& failure) {
+                error = unexpectedError(failure);
+            }
             stopped = stopper.reason();
             if (error.empty() && counted && fetched < wanted) {
                 error = stopper.describe();

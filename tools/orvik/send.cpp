@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -114,8 +115,15 @@ public:
         orvikm::Client::FlushResult flushed{};
         {
             const LoopStopper stopper(*client, deadline);
-            flushed = client->flush(deadline.remaining(),
-                                    [&](orviku::Exception& failure) { error = oneLine(failure); });
+            try {
+                flushed = client->flush(deadline.remaining(), [&](orviku::Exception& failure) {
+                    error = oneLine(failure);
+                });
+            } catch (const std::exception& failure) {
+                error = unexpectedError(failure);
+                flushed = orvikm::Client::FlushResult{false, client->stats().queued,
+                                                      client->stats().awaitingAck};
+            }
             if (error.empty()) {
                 error = stopper.describe();
             }
