@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -38,6 +39,9 @@ struct OrvikStreams {
     // Standard error is a pseudo-terminal instead of a pipe; the test reads it
     // all the same (its line ends come as "\r\n").
     bool errorOnTerminal = false;
+    // The test closes its end of standard output once it has read this many
+    // lines (0: at once), as `orvik ... | head -N` would.
+    std::optional<std::size_t> outputReadForLines;
 };
 
 // The orvik program running as a child of the test, with an environment and
@@ -50,7 +54,8 @@ public:
     OrvikCommand(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment = {},
                  std::optional<std::string> input = std::nullopt)
-        : OrvikCommand(arguments, environment, OrvikStreams{std::move(input)}) {}
+        : OrvikCommand(arguments, environment,
+                       OrvikStreams{std::move(input), false, false, std::nullopt}) {}
     OrvikCommand(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment, OrvikStreams streams);
     OrvikCommand(const OrvikCommand&) = delete;
@@ -75,7 +80,7 @@ public:
     std::optional<ExitStatus> waitForExit(std::chrono::milliseconds timeout);
 
 private:
-    void readOutput(int outputFd, int errorFd);
+    void readOutput(int outputFd, int errorFd, std::optional<std::size_t> outputLines);
 
     pid_t _pid = -1;
     bool _reaped = false;
@@ -176,7 +181,8 @@ inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
         }
         throw std::runtime_error("fork failed");
     }
-    _reader = std::thread(&OrvikCommand::readOutput, this, out[0], err[0]);
+    _reader =
+        std::thread(&OrvikCommand::readOutput, this, out[0], err[0], streams.outputReadForLines);
     if (input) {
         // Written from a thread of its own, so that a child that does not read
         // cannot block the test; a child that ended without reading ends the
@@ -224,11 +230,23 @@ inline OrvikCommand::~OrvikCommand() {
     }
 }
 
-inline void OrvikCommand::readOutput(int outputFd, int errorFd) {
+inline void OrvikCommand::readOutput(int outputFd, int errorFd,
+                                     std::optional<std::size_t> outputLines) {
     constexpr int kReadPollMs = 100;
     pollfd fds[2] = {{outputFd, POLLIN, 0}, {errorFd, POLLIN, 0}};
     std::string* sinks[2] = {&_output, &_error};
     int open = 2;
+    const auto closeOutputWhenRead = [&] {
+        std::lock_guard<std::mutex> guard(_mutex);
+        if (fds[0].fd >= 0 && outputLines &&
+            static_cast<std::size_t>(std::count(_output.begin(), _output.end(), '\n')) >=
+                *outputLines) {
+            ::close(fds[0].fd);
+            fds[0].fd = -1;
+            --open;
+        }
+    };
+    closeOutputWhenRead();
     while (open > 0) {
         if (poll(fds, 2, kReadPollMs) < 0) {
             if (errno == EINTR) {
@@ -251,9 +269,12 @@ inline void OrvikCommand::readOutput(int outputFd, int errorFd) {
                 --open;
                 continue;
             }
-            std::lock_guard<std::mutex> guard(_mutex);
-            sinks[i]->append(buffer, static_cast<std::size_t>(got));
-            _output_changed.notify_all();
+            {
+                std::lock_guard<std::mutex> guard(_mutex);
+                sinks[i]->append(buffer, static_cast<std::size_t>(got));
+                _output_changed.notify_all();
+            }
+            closeOutputWhenRead();
         }
     }
     for (pollfd& fd : fds) {

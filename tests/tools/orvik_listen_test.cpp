@@ -165,6 +165,30 @@ TEST_F(OrvikListenTest, CtrlCBeforeTheCountIsReachedFails) {
         << listener->standardError();
 }
 
+TEST_F(OrvikListenTest, AClosedStandardOutputEndsListeningLikeCtrlCAndEveryPrintedMessageIsAcked) {
+    OrvikCommand listener(
+        withPorts({"listen", "-s", kRoute, "--timeout", "0", "--app-id", "the-listener"}), {},
+        OrvikStreams{std::nullopt, false, false, 1});
+    ASSERT_TRUE(probeUntilListening(listener, kRoute, kEventLimit));
+
+    const std::string unprinted = send({"after the reader left"});
+    const std::optional<ExitStatus> status = listener.waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value());
+    ASSERT_TRUE(status->exited) << "ended by signal " << status->signal;
+    EXPECT_EQ(status->code, 0) << listener.standardError();
+    std::smatch summary;
+    const std::string error = listener.standardError();
+    ASSERT_TRUE(std::regex_match(
+        error, summary, std::regex("orvik listen: standard output closed \\(received (\\d+)\\)\n")))
+        << error;
+    // Handled after everything the listener wrote before it ended.
+    const std::string later = send({"later"});
+    ASSERT_TRUE(node().waitForLine("MSG " + later, kEventLimit));
+    EXPECT_EQ(std::to_string(logLinesContaining("ACK from the-listener|disp")), summary[1]);
+    EXPECT_EQ(logLinesContaining("ACK from the-listener|disp msg_id=" + unprinted), 0u);
+}
+
 // Ends listening without a count by `signal`; the lines printed and the
 // number in the summary on standard error agree.
 class OrvikListenStopTest : public OrvikListenTest, public ::testing::WithParamInterface<int> {};

@@ -157,6 +157,19 @@ TEST_F(OrvikSendTest, AckNoneEndsOnceTheMessagesAreWritten) {
     EXPECT_EQ(lastLine(sent), "sent 2, acknowledged 0");
 }
 
+TEST_F(OrvikSendTest, AClosedStandardOutputCostsOnlyTheSummaryLine) {
+    OrvikCommand command(withPorts({"send", "-v", "-r", kRoute, "unseen summary"}), {},
+                         OrvikStreams{std::nullopt, false, false, 0});
+    const std::optional<ExitStatus> status = command.waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik send did not end";
+    ASSERT_TRUE(status->exited) << "ended by signal " << status->signal;
+    EXPECT_EQ(status->code, 0) << command.standardError();
+    const std::vector<std::string> ids = queuedIds(command.standardError());
+    ASSERT_EQ(ids.size(), 1u);
+    EXPECT_TRUE(arrived(ids[0]).has_value());
+}
+
 TEST_F(OrvikSendTest, PortsComeFromTheEnvironment) {
     const Finished sent = runOrvik(
         {"send", "-r", kRoute, "from-env"},
@@ -241,7 +254,7 @@ std::vector<std::string> concat(std::vector<std::string> a, const std::vector<st
 
 TEST_F(OrvikTest, CtrlCWhileStandardInputIsStillOpenEndsWithTheSummaryAndSendsNothing) {
     OrvikCommand command(withPorts({"send", "-v", "--timeout", "0", "-r", kRoute, "-"}), {},
-                         OrvikStreams{std::string("half a payl"), true});
+                         OrvikStreams{std::string("half a payl"), true, false, std::nullopt});
     ASSERT_TRUE(command.waitForErrorText(kReadingInput, kEventLimit)) << command.standardError();
 
     command.sendSignal(SIGINT);

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <iostream>
 #include <utility>
 
@@ -54,6 +55,11 @@ void installStopHandler() {
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGPIPE, &ignore, nullptr);
 }
 
 bool stopRequested() {
@@ -93,6 +99,33 @@ std::string unexpectedError(const std::exception& error) {
 
 void reportFailure(const std::string& command, const std::string& text) {
     std::cerr << "orvik " << command << ": " << text << std::endl;
+}
+
+namespace {
+
+// The errno of the write that failed; only the I/O thread writes output.
+int outputErrno = 0;
+
+}  // namespace
+
+bool writeOutput(const std::string& text) {
+    errno = 0;
+    std::cout << text << std::flush;
+    if (std::cout) {
+        return true;
+    }
+    // A stream that failed before fails again without a write of its own.
+    if (errno != 0) {
+        outputErrno = errno;
+    }
+    return false;
+}
+
+std::string outputFailure() {
+    if (outputErrno == EPIPE || outputErrno == 0) {
+        return "standard output closed";
+    }
+    return std::string("cannot write to standard output: ") + std::strerror(outputErrno);
 }
 
 std::unique_ptr<orvikm::Client> makeClient(const Common& common,

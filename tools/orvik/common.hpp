@@ -77,6 +77,13 @@ std::string unexpectedError(const std::exception& error);
 // Writes "orvik COMMAND: TEXT" on standard error.
 void reportFailure(const std::string& command, const std::string& text);
 
+// Writes the text to standard output and flushes it; false when standard
+// output did not take it (its reader has gone, or the disk is full), which
+// ends a subcommand the way Ctrl-C does. outputFailure() then says why.
+bool writeOutput(const std::string& text);
+// "standard output closed", or what else made the last writeOutput fail.
+std::string outputFailure();
+
 // The client every subcommand uses, with the common options applied.
 std::unique_ptr<orvikm::Client> makeClient(const Common& common,
                                            std::vector<std::string> subscriptions,
@@ -86,7 +93,8 @@ std::unique_ptr<orvikm::Client> makeClient(const Common& common,
 // once, before anything else: the first such signal only records that a stop
 // was asked for (and ends the loop a LoopStopper watches), so every step of a
 // run can stop cleanly, print its summary and exit; a second one has its
-// default effect, should a step not come round to the first.
+// default effect, should a step not come round to the first. SIGPIPE is
+// ignored: a closed standard output shows as a failed write (writeOutput).
 void installStopHandler();
 // Whether SIGINT or SIGTERM has come. Safe on any thread.
 bool stopRequested();

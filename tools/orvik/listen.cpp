@@ -57,6 +57,9 @@ when the deadline or Ctrl-C comes first. After Ctrl-C one line on standard
 error says how many messages it received:
   orvik listen: interrupted (received N)      or, with -n,
   orvik listen: interrupted (received N of COUNT)
+A standard output that is closed (orvik listen ... | head -1) ends it the
+same way, with "standard output closed" for "interrupted". Only the
+messages it has printed are acknowledged.
 
 Example: orvik listen -l 5555 -d 5556 -s news --format json --timeout 0)";
 
@@ -96,15 +99,21 @@ public:
         std::unique_ptr<orvikm::Client> client = makeClient(common, _topics, options);
 
         std::uint64_t received = 0;
+        bool outputClosed = false;
         // Runs on the I/O thread, this one; sendAck belongs exactly here.
         client->onMessage([&](std::unique_ptr<orvikm::Message> message) {
-            if (counted && received >= _count) {
+            if ((counted && received >= _count) || outputClosed) {
                 return;  // arrived after the last one wanted, before the loop ended
             }
             const output::ReceivedMessage values = plainValues(*message);
-            std::cout << (_format == "json" ? output::messageJsonLine(values)
-                                            : output::messageText(values))
-                      << std::endl;
+            // Only a message that was printed is acknowledged.
+            if (!writeOutput((_format == "json" ? output::messageJsonLine(values)
+                                                : output::messageText(values)) +
+                             "\n")) {
+                outputClosed = true;
+                client->terminate();
+                return;
+            }
             if (!_noAck) {
                 client->sendAck(*message);
             }
@@ -140,13 +149,13 @@ public:
                 }
                 reportFailure("listen", kDropped + dropped);
                 if (stopper.reason() != LoopStopper::Reason::None ||
-                    (counted && received >= _count)) {
+                    (counted && received >= _count) || outputClosed) {
                     break;
                 }
             }
             stopped = stopper.reason();
             if (error.empty() && counted && received < _count) {
-                error = stopper.describe();
+                error = outputClosed ? outputFailure() : stopper.describe();
             }
         }
         if (common.verbose) {
@@ -158,7 +167,9 @@ public:
             reportFailure("listen", error + (counted ? " (" + tally + ")" : ""));
             return kFailure;
         }
-        if (stopped == LoopStopper::Reason::Interrupted) {
+        if (outputClosed) {
+            reportFailure("listen", outputFailure() + " (" + tally + ")");
+        } else if (stopped == LoopStopper::Reason::Interrupted) {
             reportFailure("listen", "interrupted (" + tally + ")");
         }
         return kSuccess;
