@@ -67,8 +67,7 @@ TEST_F(OrvikTest, BenchTextReportsRatesAndLatenciesInThreeLines) {
 }
 
 TEST_F(OrvikTest, BenchWithAClosedStandardOutputStillEndsByItself) {
-    OrvikCommand bench(withPorts({"bench", "-n", "100"}), {},
-                       OrvikStreams{std::nullopt, false, false, 0});
+    OrvikCommand bench(withPorts({"bench", "-n", "100"}), {}, outputReadFor(0));
     const std::optional<ExitStatus> status = bench.waitForExit(kRunLimit);
 
     ASSERT_TRUE(status.has_value()) << "orvik bench did not end";
@@ -104,7 +103,7 @@ TEST_F(OrvikTest, CtrlCDuringALongRunPrintsWhatWasMeasuredAndFails) {
 
 TEST_F(OrvikTest, ProgressLineGoesToStandardErrorWhenItIsATerminal) {
     OrvikCommand bench(withPorts({"bench", "-n", kEndless, "--window", "1000", "--timeout", "0"}),
-                       {}, OrvikStreams{std::nullopt, false, true, std::nullopt});
+                       {}, errorOnTerminal());
     const bool progressed = bench.waitForErrorText(" of " + kEndless, kEventLimit);
     bench.sendSignal(SIGINT);
     const std::optional<ExitStatus> status = bench.waitForExit(kEventLimit);

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,7 +43,41 @@ struct OrvikStreams {
     // The test closes its end of standard output once it has read this many
     // lines (0: at once), as `orvik ... | head -N` would.
     std::optional<std::size_t> outputReadForLines;
+    // The child's address space is limited to this many bytes (RLIMIT_AS),
+    // so that a run that grows without bound fails soon.
+    std::optional<rlim_t> addressSpaceLimit;
 };
+
+inline OrvikStreams inputLeftOpen(std::string input) {
+    OrvikStreams streams;
+    streams.input = std::move(input);
+    streams.inputStaysOpen = true;
+    return streams;
+}
+
+inline OrvikStreams errorOnTerminal() {
+    OrvikStreams streams;
+    streams.errorOnTerminal = true;
+    return streams;
+}
+
+inline OrvikStreams outputReadFor(std::size_t lines) {
+    OrvikStreams streams;
+    streams.outputReadForLines = lines;
+    return streams;
+}
+
+inline OrvikStreams addressSpaceOf(rlim_t bytes) {
+    OrvikStreams streams;
+    streams.addressSpaceLimit = bytes;
+    return streams;
+}
+
+inline OrvikStreams inputOnly(std::optional<std::string> input) {
+    OrvikStreams streams;
+    streams.input = std::move(input);
+    return streams;
+}
 
 // The orvik program running as a child of the test, with an environment and
 // standard input of the test's choosing. The ORVIK_* port variables of the
@@ -54,8 +89,7 @@ public:
     OrvikCommand(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment = {},
                  std::optional<std::string> input = std::nullopt)
-        : OrvikCommand(arguments, environment,
-                       OrvikStreams{std::move(input), false, false, std::nullopt}) {}
+        : OrvikCommand(arguments, environment, inputOnly(std::move(input))) {}
     OrvikCommand(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment, OrvikStreams streams);
     OrvikCommand(const OrvikCommand&) = delete;
@@ -163,6 +197,10 @@ inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         signal(SIGPIPE, SIG_DFL);
+        if (streams.addressSpaceLimit) {
+            const rlimit limit{*streams.addressSpaceLimit, *streams.addressSpaceLimit};
+            setrlimit(RLIMIT_AS, &limit);
+        }
         const int source = input ? in[0] : open("/dev/null", O_RDONLY);
         if (source >= 0) {
             dup2(source, STDIN_FILENO);

@@ -168,7 +168,7 @@ TEST_F(OrvikListenTest, CtrlCBeforeTheCountIsReachedFails) {
 TEST_F(OrvikListenTest, AClosedStandardOutputEndsListeningLikeCtrlCAndEveryPrintedMessageIsAcked) {
     OrvikCommand listener(
         withPorts({"listen", "-s", kRoute, "--timeout", "0", "--app-id", "the-listener"}), {},
-        OrvikStreams{std::nullopt, false, false, 1});
+        outputReadFor(1));
     ASSERT_TRUE(probeUntilListening(listener, kRoute, kEventLimit));
 
     const std::string unprinted = send({"after the reader left"});

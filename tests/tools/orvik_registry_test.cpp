@@ -111,7 +111,7 @@ TEST_F(OrvikRegistryFileTest, CtrlCWhileWatchingWithoutACountEndsWithSuccessAndS
 TEST_F(OrvikRegistryFileTest, AClosedStandardOutputEndsWatchingLikeCtrlC) {
     startWithRegistry(kRegistry);
     OrvikCommand watcher(withPorts({"registry", "--watch", "1", "--timeout", "0"}), {},
-                         OrvikStreams{std::nullopt, false, false, 1});
+                         outputReadFor(1));
 
     const std::optional<ExitStatus> status = watcher.waitForExit(kRunLimit);
 
@@ -124,7 +124,7 @@ TEST_F(OrvikRegistryFileTest, AClosedStandardOutputEndsWatchingLikeCtrlC) {
 TEST_F(OrvikRegistryFileTest, AClosedStandardOutputFailsTheOneFetch) {
     startWithRegistry(kRegistry);
 
-    OrvikCommand fetcher(withPorts({"registry"}), {}, OrvikStreams{std::nullopt, false, false, 0});
+    OrvikCommand fetcher(withPorts({"registry"}), {}, outputReadFor(0));
     const std::optional<ExitStatus> status = fetcher.waitForExit(kRunLimit);
 
     ASSERT_TRUE(status.has_value()) << "orvik registry did not end";
