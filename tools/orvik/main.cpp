@@ -40,9 +40,13 @@ const char* const kFooter = R"(Environment:
 Exit status:
   0  the work was done
   1  the work failed: the node could not be reached, the deadline passed, a
-     message was not acknowledged, or Ctrl-C came first (one line on standard
-     error says which)
+     message was not written or acknowledged, the library met an error it
+     could not handle, or Ctrl-C came first (one line on standard error says
+     which)
   2  the command line was wrong (the usage follows on standard error)
+
+A closed standard output (orvik listen ... | head -1) ends a run the way
+Ctrl-C does; no subcommand ends by a signal of its own.
 
 Each subcommand has its own help: orvik SUBCOMMAND --help)";
 
