@@ -43,6 +43,9 @@ struct OrvikStreams {
     // The test closes its end of standard output once it has read this many
     // lines (0: at once), as `orvik ... | head -N` would.
     std::optional<std::size_t> outputReadForLines;
+    // The test never reads standard output, but keeps it open: the child's
+    // writes wait once the pipe is full, as for a reader that has stalled.
+    bool outputStalls = false;
     // The child's address space is limited to this many bytes (RLIMIT_AS),
     // so that a run that grows without bound fails soon.
     std::optional<rlim_t> addressSpaceLimit;
@@ -64,6 +67,12 @@ inline OrvikStreams errorOnTerminal() {
 inline OrvikStreams outputReadFor(std::size_t lines) {
     OrvikStreams streams;
     streams.outputReadForLines = lines;
+    return streams;
+}
+
+inline OrvikStreams outputStalled() {
+    OrvikStreams streams;
+    streams.outputStalls = true;
     return streams;
 }
 
@@ -114,7 +123,8 @@ public:
     std::optional<ExitStatus> waitForExit(std::chrono::milliseconds timeout);
 
 private:
-    void readOutput(int outputFd, int errorFd, std::optional<std::size_t> outputLines);
+    void readOutput(int outputFd, int errorFd, std::optional<std::size_t> outputLines,
+                    bool outputStalls);
 
     pid_t _pid = -1;
     bool _reaped = false;
@@ -219,8 +229,8 @@ inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
         }
         throw std::runtime_error("fork failed");
     }
-    _reader =
-        std::thread(&OrvikCommand::readOutput, this, out[0], err[0], streams.outputReadForLines);
+    _reader = std::thread(&OrvikCommand::readOutput, this, out[0], err[0],
+                          streams.outputReadForLines, streams.outputStalls);
     if (input) {
         // Written from a thread of its own, so that a child that does not read
         // cannot block the test; a child that ended without reading ends the
@@ -269,11 +279,11 @@ inline OrvikCommand::~OrvikCommand() {
 }
 
 inline void OrvikCommand::readOutput(int outputFd, int errorFd,
-                                     std::optional<std::size_t> outputLines) {
+                                     std::optional<std::size_t> outputLines, bool outputStalls) {
     constexpr int kReadPollMs = 100;
-    pollfd fds[2] = {{outputFd, POLLIN, 0}, {errorFd, POLLIN, 0}};
+    pollfd fds[2] = {{outputStalls ? -1 : outputFd, POLLIN, 0}, {errorFd, POLLIN, 0}};
     std::string* sinks[2] = {&_output, &_error};
-    int open = 2;
+    int open = outputStalls ? 1 : 2;
     const auto closeOutputWhenRead = [&] {
         std::lock_guard<std::mutex> guard(_mutex);
         if (fds[0].fd >= 0 && outputLines &&
@@ -319,6 +329,9 @@ inline void OrvikCommand::readOutput(int outputFd, int errorFd,
         if (fd.fd >= 0) {
             ::close(fd.fd);
         }
+    }
+    if (outputStalls) {
+        ::close(outputFd);
     }
     std::lock_guard<std::mutex> guard(_mutex);
     _output_closed = true;

@@ -3,6 +3,7 @@
 #include <map>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -294,6 +295,35 @@ INSTANTIATE_TEST_SUITE_P(
                       HostileHeader{"AckModeThatIsNoNumber", "ack_mode", "one"},
                       HostileHeader{"TypeMissing", "p_type", std::nullopt}),
     [](const ::testing::TestParamInfo<HostileHeader>& info) { return info.param.name; });
+
+TEST(OrvikListenAloneTest, CtrlCWhileStandardOutputIsFullEndsListeningWithinASecond) {
+    testsupport::TestNode node;
+    OrvikCommand listener({"listen", "-l", std::to_string(node.listenerPort()), "-d",
+                           std::to_string(node.dispenserPort()), "-s", kRoute, "--timeout", "0"},
+                          {}, outputStalled());
+    ASSERT_TRUE(node.waitForSubscription(kRoute, kEventLimit)) << listener.standardError();
+    // Lines of 32 KiB: a few of them fill the pipe, and the listener waits in
+    // a write.
+    const std::string payload(32 * 1024, 'f');
+    for (int i = 0; i < 8; ++i) {
+        node.publish(publication(usualHeaders("filler-" + std::to_string(i), payload), payload));
+    }
+    std::this_thread::sleep_for(200ms);
+
+    const auto signalled = std::chrono::steady_clock::now();
+    listener.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = listener.waitForExit(kEventLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik listen did not end after Ctrl-C";
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - signalled);
+    EXPECT_LT(took, 1s) << took.count() << " ms";
+    ASSERT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 0);
+    EXPECT_TRUE(std::regex_match(listener.standardError(),
+                                 std::regex("orvik listen: interrupted \\(received \\d\\)\n")))
+        << listener.standardError();
+}
 
 TEST(OrvikListenAloneTest, AbsentNodeFailsWithinTheDeadline) {
     const testsupport::ReservedPort listenerPort;

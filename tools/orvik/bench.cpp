@@ -146,9 +146,9 @@ public:
         const output::BenchFigures figures = output::benchFigures(
             _count, _size, window, std::chrono::duration<double>(end - start).count(), _latencies);
         if (_format == "json") {
-            std::cout << output::benchJson(figures).dump(4) << std::endl;
+            writeOutput(output::benchJson(figures).dump(4) + "\n");
         } else {
-            std::cout << output::benchText(figures) << std::flush;
+            writeOutput(output::benchText(figures));
         }
 
         if (error.empty()) {

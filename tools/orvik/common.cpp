@@ -1,5 +1,10 @@
 #include "common.hpp"
 
+#include <limits.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -103,26 +108,48 @@ void reportFailure(const std::string& command, const std::string& text) {
 
 namespace {
 
-// The errno of the write that failed; only the I/O thread writes output.
+// Why the last writeOutput failed: the errno of its write, or 0 when Ctrl-C
+// came while it waited. Only the I/O thread writes output.
 int outputErrno = 0;
 
 }  // namespace
 
 bool writeOutput(const std::string& text) {
-    errno = 0;
-    std::cout << text << std::flush;
-    if (std::cout) {
-        return true;
+    std::size_t done = 0;
+    while (done < text.size()) {
+        // A reader that does not read would hold a blocking write for good;
+        // waiting here instead, with a timeout, lets Ctrl-C end the run.
+        pollfd output{STDOUT_FILENO, POLLOUT, 0};
+        const int ready = ::poll(&output, 1, static_cast<int>(kWatchInterval.count()));
+        if (ready == 0 || (ready < 0 && errno == EINTR)) {
+            if (stopRequested()) {
+                outputErrno = 0;
+                return false;
+            }
+            continue;
+        }
+        // PIPE_BUF bytes fit in a pipe that polls writable.
+        const ssize_t wrote = ready < 0
+                                  ? -1
+                                  : ::write(STDOUT_FILENO, text.data() + done,
+                                            std::min<std::size_t>(text.size() - done, PIPE_BUF));
+        if (wrote < 0) {
+            if (errno == EINTR || errno == EAGAIN) {
+                continue;
+            }
+            outputErrno = errno;
+            return false;
+        }
+        done += static_cast<std::size_t>(wrote);
     }
-    // A stream that failed before fails again without a write of its own.
-    if (errno != 0) {
-        outputErrno = errno;
-    }
-    return false;
+    return true;
 }
 
 std::string outputFailure() {
-    if (outputErrno == EPIPE || outputErrno == 0) {
+    if (outputErrno == 0) {
+        return "interrupted";
+    }
+    if (outputErrno == EPIPE) {
         return "standard output closed";
     }
     return std::string("cannot write to standard output: ") + std::strerror(outputErrno);

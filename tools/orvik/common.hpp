@@ -77,11 +77,14 @@ std::string unexpectedError(const std::exception& error);
 // Writes "orvik COMMAND: TEXT" on standard error.
 void reportFailure(const std::string& command, const std::string& text);
 
-// Writes the text to standard output and flushes it; false when standard
-// output did not take it (its reader has gone, or the disk is full), which
-// ends a subcommand the way Ctrl-C does. outputFailure() then says why.
+// Writes the text to standard output, unbuffered; false when standard output
+// did not take it (its reader has gone, or the disk is full), which ends a
+// subcommand the way Ctrl-C does, or when Ctrl-C came while it waited for a
+// reader that does not read. outputFailure() then says why. Every write to
+// standard output goes through here, so that none is left in a buffer.
 bool writeOutput(const std::string& text);
-// "standard output closed", or what else made the last writeOutput fail.
+// "standard output closed", "interrupted", or what else made the last
+// writeOutput fail.
 std::string outputFailure();
 
 // The client every subcommand uses, with the common options applied.

@@ -136,7 +136,7 @@ public:
         const Deadline deadline(common.timeoutSeconds);
         const std::optional<std::string> read = payloadBytes(common.verbose);
         if (!read) {
-            std::cout << output::sendSummary(0, 0) << std::endl;
+            writeOutput(output::sendSummary(0, 0) + "\n");
             reportFailure("send", "interrupted while reading " + sourceName() + " (nothing sent)");
             return kFailure;
         }
@@ -180,7 +180,8 @@ public:
         }
 
         const orvikm::Client::Stats stats = client->stats();
-        std::cout << output::sendSummary(stats.written, acks.load()) << std::endl;
+        // Whether the summary could be written changes nothing in the run.
+        writeOutput(output::sendSummary(stats.written, acks.load()) + "\n");
         // Written counts what reached the node's socket: a message that
         // expired in the queue was never sent.
         const bool done = stats.written == _count && (!acknowledged || acks.load() == _count);
