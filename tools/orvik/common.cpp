@@ -52,10 +52,10 @@ extern "C" void onStopSignal(int) {
 void installStopHandler() {
     struct sigaction action {};
     action.sa_handler = onStopSignal;
-    // SA_RESETHAND: a second Ctrl-C ends the program at once. SA_RESTART: a
-    // write to standard output is not cut short; the waits that must notice
-    // the signal (the client's poll, the read of standard input) poll with a
-    // timeout and look at the flag.
+    // SA_RESETHAND: a second Ctrl-C ends the program at once. SA_RESTART: no
+    // call is cut short, so every wait that must notice the signal (the
+    // client's poll, the reading of the payload, the writing of standard
+    // output) polls with a timeout and looks at the flag.
     action.sa_flags = SA_RESETHAND | SA_RESTART;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
