@@ -98,6 +98,7 @@ public:
         // What ends the worker early is reported once the loop is over: an
         // exception must not leave a thread.
         std::string workerError;
+        std::atomic<bool> workerFailed{false};
         std::thread worker([&] {
             try {
                 for (unsigned long long i = 1; i < _count; ++i) {
@@ -108,6 +109,7 @@ public:
                 }
             } catch (const std::exception& failure) {
                 workerError = unexpectedError(failure);
+                workerFailed.store(true);
                 sender.terminate();
             }
         });
@@ -117,6 +119,10 @@ public:
         {
             const bool progress = ::isatty(STDERR_FILENO) != 0;
             const LoopStopper stopper(*client, deadline, [&] {
+                // A terminate() before the loop began is forgotten by it.
+                if (workerFailed.load()) {
+                    sender.terminate();
+                }
                 if (progress) {
                     std::cerr << "\r"
                               << output::benchProgress(_queued.load(), _acked.load(), _count)

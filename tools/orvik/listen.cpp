@@ -103,7 +103,7 @@ public:
         // Runs on the I/O thread, this one; sendAck belongs exactly here.
         client->onMessage([&](std::unique_ptr<orvikm::Message> message) {
             if ((counted && received >= _count) || outputClosed) {
-                return;  // arrived after the last one wanted, before the loop ended
+                return;  // came after the last one wanted or a failed write, before the loop ended
             }
             const output::ReceivedMessage values = plainValues(*message);
             // Only a message that was printed is acknowledged.
