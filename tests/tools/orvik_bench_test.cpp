@@ -66,6 +66,16 @@ TEST_F(OrvikTest, BenchTextReportsRatesAndLatenciesInThreeLines) {
     EXPECT_EQ(bench.error, "");
 }
 
+TEST_F(OrvikTest, BenchWithAClosedStandardOutputStillEndsByItself) {
+    OrvikCommand bench(withPorts({"bench", "-n", "100"}), {}, outputReadFor(0));
+    const std::optional<ExitStatus> status = bench.waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik bench did not end";
+    ASSERT_TRUE(status->exited) << "ended by signal " << status->signal;
+    EXPECT_EQ(status->code, 0) << bench.standardError();
+    EXPECT_EQ(logLinesContaining(") acknowledged and published"), 100u);
+}
+
 // More than any test waits for: only a signal ends such a run.
 const std::string kEndless = "10000000";
 
@@ -93,7 +103,7 @@ TEST_F(OrvikTest, CtrlCDuringALongRunPrintsWhatWasMeasuredAndFails) {
 
 TEST_F(OrvikTest, ProgressLineGoesToStandardErrorWhenItIsATerminal) {
     OrvikCommand bench(withPorts({"bench", "-n", kEndless, "--window", "1000", "--timeout", "0"}),
-                       {}, OrvikStreams{std::nullopt, false, true});
+                       {}, errorOnTerminal());
     const bool progressed = bench.waitForErrorText(" of " + kEndless, kEventLimit);
     bench.sendSignal(SIGINT);
     const std::optional<ExitStatus> status = bench.waitForExit(kEventLimit);

@@ -4,10 +4,12 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -38,7 +40,53 @@ struct OrvikStreams {
     // Standard error is a pseudo-terminal instead of a pipe; the test reads it
     // all the same (its line ends come as "\r\n").
     bool errorOnTerminal = false;
+    // The test closes its end of standard output once it has read this many
+    // lines (0: at once), as `orvik ... | head -N` would.
+    std::optional<std::size_t> outputReadForLines;
+    // The test never reads standard output, but keeps it open: the child's
+    // writes wait once the pipe is full, as for a reader that has stalled.
+    bool outputStalls = false;
+    // The child's address space is limited to this many bytes (RLIMIT_AS),
+    // so that a run that grows without bound fails soon.
+    std::optional<rlim_t> addressSpaceLimit;
 };
+
+inline OrvikStreams inputLeftOpen(std::string input) {
+    OrvikStreams streams;
+    streams.input = std::move(input);
+    streams.inputStaysOpen = true;
+    return streams;
+}
+
+inline OrvikStreams errorOnTerminal() {
+    OrvikStreams streams;
+    streams.errorOnTerminal = true;
+    return streams;
+}
+
+inline OrvikStreams outputReadFor(std::size_t lines) {
+    OrvikStreams streams;
+    streams.outputReadForLines = lines;
+    return streams;
+}
+
+inline OrvikStreams outputStalled() {
+    OrvikStreams streams;
+    streams.outputStalls = true;
+    return streams;
+}
+
+inline OrvikStreams addressSpaceOf(rlim_t bytes) {
+    OrvikStreams streams;
+    streams.addressSpaceLimit = bytes;
+    return streams;
+}
+
+inline OrvikStreams inputOnly(std::optional<std::string> input) {
+    OrvikStreams streams;
+    streams.input = std::move(input);
+    return streams;
+}
 
 // The orvik program running as a child of the test, with an environment and
 // standard input of the test's choosing. The ORVIK_* port variables of the
@@ -50,7 +98,7 @@ public:
     OrvikCommand(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment = {},
                  std::optional<std::string> input = std::nullopt)
-        : OrvikCommand(arguments, environment, OrvikStreams{std::move(input)}) {}
+        : OrvikCommand(arguments, environment, inputOnly(std::move(input))) {}
     OrvikCommand(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment, OrvikStreams streams);
     OrvikCommand(const OrvikCommand&) = delete;
@@ -75,7 +123,8 @@ public:
     std::optional<ExitStatus> waitForExit(std::chrono::milliseconds timeout);
 
 private:
-    void readOutput(int outputFd, int errorFd);
+    void readOutput(int outputFd, int errorFd, std::optional<std::size_t> outputLines,
+                    bool outputStalls);
 
     pid_t _pid = -1;
     bool _reaped = false;
@@ -158,6 +207,10 @@ inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         signal(SIGPIPE, SIG_DFL);
+        if (streams.addressSpaceLimit) {
+            const rlimit limit{*streams.addressSpaceLimit, *streams.addressSpaceLimit};
+            setrlimit(RLIMIT_AS, &limit);
+        }
         const int source = input ? in[0] : open("/dev/null", O_RDONLY);
         if (source >= 0) {
             dup2(source, STDIN_FILENO);
@@ -176,7 +229,8 @@ inline OrvikCommand::OrvikCommand(const std::vector<std::string>& arguments,
         }
         throw std::runtime_error("fork failed");
     }
-    _reader = std::thread(&OrvikCommand::readOutput, this, out[0], err[0]);
+    _reader = std::thread(&OrvikCommand::readOutput, this, out[0], err[0],
+                          streams.outputReadForLines, streams.outputStalls);
     if (input) {
         // Written from a thread of its own, so that a child that does not read
         // cannot block the test; a child that ended without reading ends the
@@ -224,11 +278,23 @@ inline OrvikCommand::~OrvikCommand() {
     }
 }
 
-inline void OrvikCommand::readOutput(int outputFd, int errorFd) {
+inline void OrvikCommand::readOutput(int outputFd, int errorFd,
+                                     std::optional<std::size_t> outputLines, bool outputStalls) {
     constexpr int kReadPollMs = 100;
-    pollfd fds[2] = {{outputFd, POLLIN, 0}, {errorFd, POLLIN, 0}};
+    pollfd fds[2] = {{outputStalls ? -1 : outputFd, POLLIN, 0}, {errorFd, POLLIN, 0}};
     std::string* sinks[2] = {&_output, &_error};
-    int open = 2;
+    int open = outputStalls ? 1 : 2;
+    const auto closeOutputWhenRead = [&] {
+        std::lock_guard<std::mutex> guard(_mutex);
+        if (fds[0].fd >= 0 && outputLines &&
+            static_cast<std::size_t>(std::count(_output.begin(), _output.end(), '\n')) >=
+                *outputLines) {
+            ::close(fds[0].fd);
+            fds[0].fd = -1;
+            --open;
+        }
+    };
+    closeOutputWhenRead();
     while (open > 0) {
         if (poll(fds, 2, kReadPollMs) < 0) {
             if (errno == EINTR) {
@@ -251,15 +317,21 @@ inline void OrvikCommand::readOutput(int outputFd, int errorFd) {
                 --open;
                 continue;
             }
-            std::lock_guard<std::mutex> guard(_mutex);
-            sinks[i]->append(buffer, static_cast<std::size_t>(got));
-            _output_changed.notify_all();
+            {
+                std::lock_guard<std::mutex> guard(_mutex);
+                sinks[i]->append(buffer, static_cast<std::size_t>(got));
+                _output_changed.notify_all();
+            }
+            closeOutputWhenRead();
         }
     }
     for (pollfd& fd : fds) {
         if (fd.fd >= 0) {
             ::close(fd.fd);
         }
+    }
+    if (outputStalls) {
+        ::close(outputFd);
     }
     std::lock_guard<std::mutex> guard(_mutex);
     _output_closed = true;

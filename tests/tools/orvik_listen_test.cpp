@@ -1,13 +1,16 @@
 // orvik listen against orvik-devnode, with messages sent by orvik send.
 #include <csignal>
+#include <map>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "orvik_fixture.hpp"
 #include "support/reserved_port.hpp"
+#include "support/test_node.hpp"
 
 namespace orviktest {
 namespace {
@@ -163,6 +166,30 @@ TEST_F(OrvikListenTest, CtrlCBeforeTheCountIsReachedFails) {
         << listener->standardError();
 }
 
+TEST_F(OrvikListenTest, AClosedStandardOutputEndsListeningLikeCtrlCAndEveryPrintedMessageIsAcked) {
+    OrvikCommand listener(
+        withPorts({"listen", "-s", kRoute, "--timeout", "0", "--app-id", "the-listener"}), {},
+        outputReadFor(1));
+    ASSERT_TRUE(probeUntilListening(listener, kRoute, kEventLimit));
+
+    const std::string unprinted = send({"after the reader left"});
+    const std::optional<ExitStatus> status = listener.waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value());
+    ASSERT_TRUE(status->exited) << "ended by signal " << status->signal;
+    EXPECT_EQ(status->code, 0) << listener.standardError();
+    std::smatch summary;
+    const std::string error = listener.standardError();
+    ASSERT_TRUE(std::regex_match(
+        error, summary, std::regex("orvik listen: standard output closed \\(received (\\d+)\\)\n")))
+        << error;
+    // Handled after everything the listener wrote before it ended.
+    const std::string later = send({"later"});
+    ASSERT_TRUE(node().waitForLine("MSG " + later, kEventLimit));
+    EXPECT_EQ(std::to_string(logLinesContaining("ACK from the-listener|disp")), summary[1]);
+    EXPECT_EQ(logLinesContaining("ACK from the-listener|disp msg_id=" + unprinted), 0u);
+}
+
 // Ends listening without a count by `signal`; the lines printed and the
 // number in the summary on standard error agree.
 class OrvikListenStopTest : public OrvikListenTest, public ::testing::WithParamInterface<int> {};
@@ -190,6 +217,113 @@ INSTANTIATE_TEST_SUITE_P(Signals, OrvikListenStopTest, ::testing::Values(SIGINT,
                          [](const ::testing::TestParamInfo<int>& info) {
                              return std::string(info.param == SIGTERM ? "Sigterm" : "Sigint");
                          });
+
+const std::string kDropped =
+    "orvik listen: dropped a message from the node that could not be read: ";
+
+// A header of a published message that the library cannot read; no value:
+// the header is left out.
+struct HostileHeader {
+    const char* name;
+    const char* key;
+    std::optional<std::string> value;
+};
+
+void PrintTo(const HostileHeader& header, std::ostream* out) {
+    *out << header.name;
+}
+
+// What a node publishes along kRoute: the topic frame, then the message's
+// frames.
+std::vector<std::string> publication(const std::map<std::string, std::string>& headers,
+                                     const std::string& payload) {
+    std::vector<std::string> frames{kRoute};
+    const std::vector<std::string> message = testsupport::messageFrames({kRoute}, headers, payload);
+    frames.insert(frames.end(), message.begin(), message.end());
+    return frames;
+}
+
+std::map<std::string, std::string> usualHeaders(const std::string& id, const std::string& payload) {
+    return {{"ack_mode", "1"},
+            {"app_id", "hostile-app"},
+            {"id", id},
+            {"origin", ","},
+            {"p_size", std::to_string(payload.size())},
+            {"p_type", "text/plain"},
+            {"valid_for", "30"}};
+}
+
+class OrvikListenHostileTest : public ::testing::TestWithParam<HostileHeader> {};
+
+TEST_P(OrvikListenHostileTest, AMessageThatCannotBeReadIsReportedDroppedAndListeningGoesOn) {
+    testsupport::TestNode node;
+    OrvikCommand listener({"listen", "-l", std::to_string(node.listenerPort()), "-d",
+                           std::to_string(node.dispenserPort()), "-s", kRoute, "--timeout", "0"});
+    ASSERT_TRUE(node.waitForSubscription(kRoute, kEventLimit)) << listener.standardError();
+    std::map<std::string, std::string> hostile = usualHeaders("hostile-id", "bad");
+    if (GetParam().value) {
+        hostile[GetParam().key] = *GetParam().value;
+    } else {
+        hostile.erase(GetParam().key);
+    }
+    const std::string goodId = "0b5ad2a4-3d69-4c4a-9d7e-2f4f1c3e8a10";
+
+    node.publish(publication(hostile, "bad"));
+    node.publish(publication(usualHeaders(goodId, "good"), "good"));
+
+    ASSERT_TRUE(listener.waitForLine(goodId, kEventLimit)) << listener.standardError();
+    const std::optional<testsupport::WrittenRequest> ack = node.receiveCommand("ACK", kEventLimit);
+    ASSERT_TRUE(ack.has_value());
+    EXPECT_EQ(ack->headers.at("msg_id"), goodId);
+    listener.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = listener.waitForExit(kRunLimit);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 0) << listener.standardError();
+    const std::vector<std::string> errors =
+        testsupport::program_process_detail::splitLines(listener.standardError());
+    ASSERT_EQ(errors.size(), 2u) << listener.standardError();
+    EXPECT_EQ(errors[0].rfind(kDropped, 0), 0u) << errors[0];
+    EXPECT_GT(errors[0].size(), kDropped.size()) << "the error's own text is missing";
+    EXPECT_EQ(errors[1], "orvik listen: interrupted (received 1)");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Headers, OrvikListenHostileTest,
+    ::testing::Values(HostileHeader{"SizeThatIsNoNumber", "p_size", "abc"},
+                      HostileHeader{"ValidityOutOfRange", "valid_for", "99999999999999999999"},
+                      HostileHeader{"AckModeThatIsNoNumber", "ack_mode", "one"},
+                      HostileHeader{"TypeMissing", "p_type", std::nullopt}),
+    [](const ::testing::TestParamInfo<HostileHeader>& info) { return info.param.name; });
+
+TEST(OrvikListenAloneTest, CtrlCWhileStandardOutputIsFullEndsListeningWithinASecond) {
+    testsupport::TestNode node;
+    OrvikCommand listener({"listen", "-l", std::to_string(node.listenerPort()), "-d",
+                           std::to_string(node.dispenserPort()), "-s", kRoute, "--timeout", "0"},
+                          {}, outputStalled());
+    ASSERT_TRUE(node.waitForSubscription(kRoute, kEventLimit)) << listener.standardError();
+    // Lines of 32 KiB: a few of them fill the pipe, and the listener waits in
+    // a write.
+    const std::string payload(32 * 1024, 'f');
+    for (int i = 0; i < 8; ++i) {
+        node.publish(publication(usualHeaders("filler-" + std::to_string(i), payload), payload));
+    }
+    std::this_thread::sleep_for(200ms);
+
+    const auto signalled = std::chrono::steady_clock::now();
+    listener.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = listener.waitForExit(kEventLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik listen did not end after Ctrl-C";
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - signalled);
+    EXPECT_LT(took, 1s) << took.count() << " ms";
+    ASSERT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 0);
+    EXPECT_TRUE(std::regex_match(listener.standardError(),
+                                 std::regex("orvik listen: interrupted \\(received \\d\\)\n")))
+        << listener.standardError();
+}
 
 TEST(OrvikListenAloneTest, AbsentNodeFailsWithinTheDeadline) {
     const testsupport::ReservedPort listenerPort;

@@ -52,6 +52,12 @@ TEST(OrvikOutputTest, EscapeWritesEveryNonAsciiByteOfInvalidUtf8InHex) {
     EXPECT_EQ(escape("a\xc3\xa9\xff"), "a\\xc3\\xa9\\xff");
 }
 
+TEST(OrvikOutputTest, EscapeWritesC1ControlCharactersInHex) {
+    EXPECT_EQ(escape("a\xc2\x80"
+                     "b\xc2\x9f\xc2\xa0"),
+              "a\\xc2\\x80b\\xc2\\x9f\xc2\xa0");
+}
+
 TEST(OrvikOutputTest, MessageJsonLineHasEveryKeyInOrder) {
     EXPECT_EQ(
         messageJsonLine(sampleMessage()),
@@ -69,6 +75,37 @@ TEST(OrvikOutputTest, MessageJsonBodyIsNullWhenThePayloadIsNotUtf8) {
     EXPECT_TRUE(json.at("body").is_null());
     EXPECT_EQ(json.at("body_base64"), "AP8=");
     EXPECT_EQ(json.at("size"), 2);
+}
+
+TEST(OrvikOutputTest, MessageJsonKeepsIdsThatAreNotUtf8ApartInBase64) {
+    ReceivedMessage fe = sampleMessage();
+    fe.id = "id-\xfe";
+    ReceivedMessage ff = sampleMessage();
+    ff.id = "id-\xff";
+
+    const nlohmann::json first = nlohmann::json::parse(messageJsonLine(fe));
+    const nlohmann::json second = nlohmann::json::parse(messageJsonLine(ff));
+
+    EXPECT_EQ(first.at("id"), "id-\xef\xbf\xbd");
+    EXPECT_EQ(second.at("id"), "id-\xef\xbf\xbd");
+    EXPECT_EQ(first.at("id_base64"), "aWQt/g==");
+    EXPECT_EQ(second.at("id_base64"), "aWQt/w==");
+}
+
+TEST(OrvikOutputTest, MessageJsonPutsTheBase64OfEachFieldThatIsNotUtf8BesideIt) {
+    ReceivedMessage message = sampleMessage();
+    message.appId = "app\x80";
+    message.type = "text/\xc0";
+    message.routes = {"news", "r\xff"};
+    message.origin = {"node-\xfe"};
+
+    EXPECT_EQ(messageJsonLine(message),
+              "{\"id\":\"0b5ad2a4-3d69-4c4a-9d7e-2f4f1c3e8a10\",\"app_id\":\"app\xef\xbf\xbd\","
+              "\"app_id_base64\":\"YXBwgA==\",\"routes\":[\"news\",\"r\xef\xbf\xbd\"],"
+              "\"routes_base64\":[\"bmV3cw==\",\"cv8=\"],\"type\":\"text/\xef\xbf\xbd\","
+              "\"type_base64\":\"dGV4dC/A\",\"size\":8,\"valid_for\":30,\"ack_mode\":1,"
+              "\"origin\":[\"node-\xef\xbf\xbd\"],\"origin_base64\":[\"bm9kZS3+\"],"
+              "\"body\":\"hi \\\"you\\\"\",\"body_base64\":\"aGkgInlvdSI=\"}");
 }
 
 TEST(OrvikOutputTest, MessageTextIsOneReadableLine) {

@@ -108,6 +108,31 @@ TEST_F(OrvikRegistryFileTest, CtrlCWhileWatchingWithoutACountEndsWithSuccessAndS
     EXPECT_EQ(watcher.standardError(), "orvik registry: interrupted (fetched 1)\n");
 }
 
+TEST_F(OrvikRegistryFileTest, AClosedStandardOutputEndsWatchingLikeCtrlC) {
+    startWithRegistry(kRegistry);
+    OrvikCommand watcher(withPorts({"registry", "--watch", "1", "--timeout", "0"}), {},
+                         outputReadFor(1));
+
+    const std::optional<ExitStatus> status = watcher.waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik registry did not end";
+    ASSERT_TRUE(status->exited) << "ended by signal " << status->signal;
+    EXPECT_EQ(status->code, 0);
+    EXPECT_EQ(watcher.standardError(), "orvik registry: standard output closed (fetched 1)\n");
+}
+
+TEST_F(OrvikRegistryFileTest, AClosedStandardOutputFailsTheOneFetch) {
+    startWithRegistry(kRegistry);
+
+    OrvikCommand fetcher(withPorts({"registry"}), {}, outputReadFor(0));
+    const std::optional<ExitStatus> status = fetcher.waitForExit(kRunLimit);
+
+    ASSERT_TRUE(status.has_value()) << "orvik registry did not end";
+    ASSERT_TRUE(status->exited) << "ended by signal " << status->signal;
+    EXPECT_EQ(status->code, 1);
+    EXPECT_EQ(fetcher.standardError(), "orvik registry: standard output closed (fetched 0 of 1)\n");
+}
+
 TEST_F(OrvikTest, DefaultRegistryListsTheApplicationsTheNodeHasSeen) {
     ASSERT_EQ(runOrvik(withPorts({"--app-id", "seen-before", "send", "x"})).status.code, 0);
 

@@ -1,5 +1,8 @@
 // What orvik does with a command line it cannot use, and its help: no node
 // is needed, as none of these runs gets as far as connecting.
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -10,6 +13,8 @@ namespace orviktest {
 namespace {
 
 const std::vector<std::string> kPorts{"-l", "5555", "-d", "5556"};
+// The largest payload orvik send takes, 64 MiB.
+constexpr std::size_t kLargestPayload = std::size_t{64} << 20;
 const std::vector<std::string> kPortVariables{"ORVIK_LISTENER_PORT=5555",
                                               "ORVIK_DISPENSER_PORT=5556"};
 
@@ -74,6 +79,28 @@ TEST(OrvikUsageTest, SendWithDataAndAFileIsAUsageError) {
 TEST(OrvikUsageTest, SendFromAFileThatDoesNotExistIsAUsageError) {
     expectUsageError(runOrvik(withPorts({"send", "-f", "/nonexistent/orvik-payload"})),
                      "/nonexistent/orvik-payload");
+}
+
+TEST(OrvikUsageTest, ValidityBelowOneSecondIsAUsageError) {
+    expectUsageError(runOrvik(withPorts({"send", "--valid-for", "0", "--ack", "none", "hello"})),
+                     "valid for at least 1 second");
+}
+
+TEST(OrvikUsageTest, PayloadFileLargerThanTheBoundIsAUsageErrorNamingIt) {
+    const std::string path = ::testing::TempDir() + "orvik_payload_too_large.bin";
+    std::ofstream(path, std::ios::binary).close();
+    std::filesystem::resize_file(path, kLargestPayload + 1);
+
+    const Finished finished = runOrvik(withPorts({"send", "--timeout", "1", "-f", path}));
+    std::remove(path.c_str());
+
+    expectUsageError(finished, "64 MiB");
+}
+
+TEST(OrvikUsageTest, StandardInputLargerThanTheBoundIsAUsageErrorNamingIt) {
+    expectUsageError(runOrvik(withPorts({"send", "--timeout", "1", "-"}), {},
+                              std::string(kLargestPayload + 1, 'p')),
+                     "64 MiB");
 }
 
 TEST(OrvikUsageTest, UnknownAckModeIsAUsageError) {
@@ -162,13 +189,15 @@ TEST_P(OrvikSubcommandHelpTest, HelpNamesEveryOptionOfTheSubcommandAndTheCommonO
 
 INSTANTIATE_TEST_SUITE_P(
     Subcommands, OrvikSubcommandHelpTest,
-    ::testing::Values(
-        SubcommandHelp{"send",
-                       {"--route", "--type", "--valid-for", "--ack", "--count", "--file", "data",
-                        "sent N, acknowledged M"}},
-        SubcommandHelp{"listen", {"--subscribe", "--count", "--no-ack", "--format", "body_base64"}},
-        SubcommandHelp{"registry", {"--watch", "--count", "--format"}},
-        SubcommandHelp{"bench", {"--count", "--size", "--window", "--route", "--format"}}),
+    ::testing::Values(SubcommandHelp{"send",
+                                     {"--route", "--type", "--valid-for", "--ack", "--count",
+                                      "--file", "data", "sent N, acknowledged M"}},
+                      SubcommandHelp{"listen",
+                                     {"--subscribe", "--count", "--no-ack", "--format",
+                                      "body_base64", "routes_base64"}},
+                      SubcommandHelp{"registry", {"--watch", "--count", "--format"}},
+                      SubcommandHelp{"bench",
+                                     {"--count", "--size", "--window", "--route", "--format"}}),
     [](const ::testing::TestParamInfo<SubcommandHelp>& info) {
         return std::string(info.param.subcommand);
     });

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <climits>
 #include <condition_variable>
+#include <exception>
 #include <iostream>
 #include <mutex>
 #include <optional>
@@ -94,12 +95,22 @@ public:
         } catch (const orvikm::Exception& refused) {
             throw CLI::ValidationError(oneLine(refused));
         }
+        // What ends the worker early is reported once the loop is over: an
+        // exception must not leave a thread.
+        std::string workerError;
+        std::atomic<bool> workerFailed{false};
         std::thread worker([&] {
-            for (unsigned long long i = 1; i < _count; ++i) {
-                if (!waitForRoom(window)) {
-                    return;
+            try {
+                for (unsigned long long i = 1; i < _count; ++i) {
+                    if (!waitForRoom(window)) {
+                        return;
+                    }
+                    queue(sender, i);
                 }
-                queue(sender, i);
+            } catch (const std::exception& failure) {
+                workerError = unexpectedError(failure);
+                workerFailed.store(true);
+                sender.terminate();
             }
         });
 
@@ -108,14 +119,22 @@ public:
         {
             const bool progress = ::isatty(STDERR_FILENO) != 0;
             const LoopStopper stopper(*client, deadline, [&] {
+                // A terminate() before the loop began is forgotten by it.
+                if (workerFailed.load()) {
+                    sender.terminate();
+                }
                 if (progress) {
                     std::cerr << "\r"
                               << output::benchProgress(_queued.load(), _acked.load(), _count)
                               << std::flush;
                 }
             });
-            client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
-                                     kLoopTimeout);
+            try {
+                client->blockThreadForIO(
+                    [&](orviku::Exception& failure) { error = oneLine(failure); }, kLoopTimeout);
+            } catch (const std::exception& failure) {
+                error = unexpectedError(failure);
+            }
             stopped = stopper.describe();
             if (progress) {
                 std::cerr << "\r" << output::benchProgress(_queued.load(), _acked.load(), _count)
@@ -133,11 +152,14 @@ public:
         const output::BenchFigures figures = output::benchFigures(
             _count, _size, window, std::chrono::duration<double>(end - start).count(), _latencies);
         if (_format == "json") {
-            std::cout << output::benchJson(figures).dump(4) << std::endl;
+            writeOutput(output::benchJson(figures).dump(4) + "\n");
         } else {
-            std::cout << output::benchText(figures) << std::flush;
+            writeOutput(output::benchText(figures));
         }
 
+        if (error.empty()) {
+            error = workerError;
+        }
         if (error.empty() && _acked.load() < _count) {
             error = stopped.empty() ? "stopped" : stopped;
         }

@@ -1,7 +1,13 @@
 #include "common.hpp"
 
+#include <limits.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <iostream>
 #include <utility>
 
@@ -46,14 +52,19 @@ extern "C" void onStopSignal(int) {
 void installStopHandler() {
     struct sigaction action {};
     action.sa_handler = onStopSignal;
-    // SA_RESETHAND: a second Ctrl-C ends the program at once. SA_RESTART: a
-    // write to standard output is not cut short; the waits that must notice
-    // the signal (the client's poll, the read of standard input) poll with a
-    // timeout and look at the flag.
+    // SA_RESETHAND: a second Ctrl-C ends the program at once. SA_RESTART: no
+    // call is cut short, so every wait that must notice the signal (the
+    // client's poll, the reading of the payload, the writing of standard
+    // output) polls with a timeout and looks at the flag.
     action.sa_flags = SA_RESETHAND | SA_RESTART;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGPIPE, &ignore, nullptr);
 }
 
 bool stopRequested() {
@@ -87,8 +98,61 @@ std::string oneLine(const orviku::Exception& error) {
     return line;
 }
 
+std::string unexpectedError(const std::exception& error) {
+    return std::string("unexpected error: ") + error.what();
+}
+
 void reportFailure(const std::string& command, const std::string& text) {
     std::cerr << "orvik " << command << ": " << text << std::endl;
+}
+
+namespace {
+
+// Why the last writeOutput failed: the errno of its write, or 0 when Ctrl-C
+// came while it waited. Only the I/O thread writes output.
+int outputErrno = 0;
+
+}  // namespace
+
+bool writeOutput(const std::string& text) {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        // A reader that does not read would hold a blocking write for good;
+        // waiting here instead, with a timeout, lets Ctrl-C end the run.
+        pollfd output{STDOUT_FILENO, POLLOUT, 0};
+        const int ready = ::poll(&output, 1, static_cast<int>(kWatchInterval.count()));
+        if (ready == 0 || (ready < 0 && errno == EINTR)) {
+            if (stopRequested()) {
+                outputErrno = 0;
+                return false;
+            }
+            continue;
+        }
+        // PIPE_BUF bytes fit in a pipe that polls writable.
+        const ssize_t wrote = ready < 0
+                                  ? -1
+                                  : ::write(STDOUT_FILENO, text.data() + done,
+                                            std::min<std::size_t>(text.size() - done, PIPE_BUF));
+        if (wrote < 0) {
+            if (errno == EINTR || errno == EAGAIN) {
+                continue;
+            }
+            outputErrno = errno;
+            return false;
+        }
+        done += static_cast<std::size_t>(wrote);
+    }
+    return true;
+}
+
+std::string outputFailure() {
+    if (outputErrno == 0) {
+        return "interrupted";
+    }
+    if (outputErrno == EPIPE) {
+        return "standard output closed";
+    }
+    return std::string("cannot write to standard output: ") + std::strerror(outputErrno);
 }
 
 std::unique_ptr<orvikm::Client> makeClient(const Common& common,

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -68,8 +69,23 @@ private:
 // joined by "; ".
 std::string oneLine(const orviku::Exception& error);
 
+// An exception from outside the orviku family in one line. The library passes
+// such exceptions on out of its I/O loop (a header number it cannot read, for
+// one), after the error handler has seen a GeneralException for them.
+std::string unexpectedError(const std::exception& error);
+
 // Writes "orvik COMMAND: TEXT" on standard error.
 void reportFailure(const std::string& command, const std::string& text);
+
+// Writes the text to standard output, unbuffered; false when standard output
+// did not take it (its reader has gone, or the disk is full), which ends a
+// subcommand the way Ctrl-C does, or when Ctrl-C came while it waited for a
+// reader that does not read. outputFailure() then says why. Every write to
+// standard output goes through here, so that none is left in a buffer.
+bool writeOutput(const std::string& text);
+// "standard output closed", "interrupted", or what else made the last
+// writeOutput fail.
+std::string outputFailure();
 
 // The client every subcommand uses, with the common options applied.
 std::unique_ptr<orvikm::Client> makeClient(const Common& common,
@@ -80,7 +96,8 @@ std::unique_ptr<orvikm::Client> makeClient(const Common& common,
 // once, before anything else: the first such signal only records that a stop
 // was asked for (and ends the loop a LoopStopper watches), so every step of a
 // run can stop cleanly, print its summary and exit; a second one has its
-// default effect, should a step not come round to the first.
+// default effect, should a step not come round to the first. SIGPIPE is
+// ignored: a closed standard output shows as a failed write (writeOutput).
 void installStopHandler();
 // Whether SIGINT or SIGTERM has come. Safe on any thread.
 bool stopRequested();

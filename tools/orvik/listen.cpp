@@ -2,11 +2,13 @@
 // acknowledges it there with sendAck(), and lends the main thread to
 // blockThreadForIO until enough messages came or the deadline passed.
 #include <climits>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <orvikm/errors.hpp>
 #include <orvikm/orvikm.hpp>
 
 #include "common.hpp"
@@ -21,6 +23,8 @@ namespace {
 constexpr std::chrono::milliseconds kMaxReadTime(50);
 constexpr std::chrono::milliseconds kLoopTimeout(20);
 
+const std::string kDropped = "dropped a message from the node that could not be read: ";
+
 const char* const kFooter =
     R"(The node publishes a message once for each of its push routes, with the route
 as topic; a listener subscribed to a topic gets the messages routed along it
@@ -29,12 +33,23 @@ the sender: the node publishes only to subscriptions it already knows.
 
 Text format, one line a message:
   ID from APP_ID on ROUTES (TYPE, SIZE bytes, valid SECONDS s, ack MODE): BODY
-with control characters and bytes that are not UTF-8 escaped (\n, \t, \\, \xHH).
+with control characters (C0, DEL and C1: U+0080 to U+009F) and bytes that
+are not UTF-8 escaped (\n, \t, \\, \xHH for each byte).
 
 JSON format, one object a line, with the keys id, app_id, routes (array),
 type, size, valid_for (seconds), ack_mode (0 none, 1 node, 2 receivers),
 origin (array), body (the payload as a string when it is valid UTF-8, else
-null) and body_base64 (the payload in base64, always).
+null) and body_base64 (the payload in base64, always). An id, app_id or
+type that is not valid UTF-8 shows with U+FFFD in place of the bytes that
+are not, and id_base64, app_id_base64 or type_base64 follows it with its
+exact bytes; when any route (origin) is not valid UTF-8, routes_base64
+(origin_base64) follows with every element in base64.
+
+A message from the node that the library cannot read (a malformed frame, a
+header number out of range) is dropped: one line on standard error says so
+with the library's reason,
+  orvik listen: dropped a message from the node that could not be read: WHY
+and listening goes on.
 
 Without -n, orvik listen prints messages until the deadline (--timeout; 0 for
 none) or Ctrl-C, and exits 0. With -n it exits 0 after COUNT messages, and 1
@@ -42,6 +57,9 @@ when the deadline or Ctrl-C comes first. After Ctrl-C one line on standard
 error says how many messages it received:
   orvik listen: interrupted (received N)      or, with -n,
   orvik listen: interrupted (received N of COUNT)
+A standard output that is closed (orvik listen ... | head -1) ends it the
+same way, with "standard output closed" for "interrupted". Only the
+messages it has printed are acknowledged.
 
 Example: orvik listen -l 5555 -d 5556 -s news --format json --timeout 0)";
 
@@ -81,15 +99,21 @@ public:
         std::unique_ptr<orvikm::Client> client = makeClient(common, _topics, options);
 
         std::uint64_t received = 0;
+        bool outputClosed = false;
         // Runs on the I/O thread, this one; sendAck belongs exactly here.
         client->onMessage([&](std::unique_ptr<orvikm::Message> message) {
-            if (counted && received >= _count) {
-                return;  // arrived after the last one wanted, before the loop ended
+            if ((counted && received >= _count) || outputClosed) {
+                return;  // came after the last one wanted or a failed write, before the loop ended
             }
             const output::ReceivedMessage values = plainValues(*message);
-            std::cout << (_format == "json" ? output::messageJsonLine(values)
-                                            : output::messageText(values))
-                      << std::endl;
+            // Only a message that was printed is acknowledged.
+            if (!writeOutput((_format == "json" ? output::messageJsonLine(values)
+                                                : output::messageText(values)) +
+                             "\n")) {
+                outputClosed = true;
+                client->terminate();
+                return;
+            }
             if (!_noAck) {
                 client->sendAck(*message);
             }
@@ -102,11 +126,36 @@ public:
         LoopStopper::Reason stopped = LoopStopper::Reason::None;
         {
             const LoopStopper stopper(*client, deadline);
-            client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
-                                     kLoopTimeout);
+            // A message the library cannot read ends its loop: it is dropped,
+            // said so, and the loop goes on. A new loop forgets a terminate()
+            // from before it, so the reasons to stop are looked at here too.
+            for (;;) {
+                std::string dropped;
+                error.clear();
+                try {
+                    client->blockThreadForIO(
+                        [&](orviku::Exception& failure) {
+                            const bool unreadable =
+                                dynamic_cast<orvikm::ProtocolError*>(&failure) != nullptr;
+                            (unreadable ? dropped : error) = oneLine(failure);
+                        },
+                        kLoopTimeout);
+                } catch (const std::exception& failure) {
+                    error.clear();
+                    dropped = failure.what();
+                }
+                if (dropped.empty()) {
+                    break;
+                }
+                reportFailure("listen", kDropped + dropped);
+                if (stopper.reason() != LoopStopper::Reason::None ||
+                    (counted && received >= _count) || outputClosed) {
+                    break;
+                }
+            }
             stopped = stopper.reason();
             if (error.empty() && counted && received < _count) {
-                error = stopper.describe();
+                error = outputClosed ? outputFailure() : stopper.describe();
             }
         }
         if (common.verbose) {
@@ -118,7 +167,9 @@ public:
             reportFailure("listen", error + (counted ? " (" + tally + ")" : ""));
             return kFailure;
         }
-        if (stopped == LoopStopper::Reason::Interrupted) {
+        if (outputClosed) {
+            reportFailure("listen", outputFailure() + " (" + tally + ")");
+        } else if (stopped == LoopStopper::Reason::Interrupted) {
             reportFailure("listen", "interrupted (" + tally + ")");
         }
         return kSuccess;

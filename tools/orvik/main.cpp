@@ -40,9 +40,13 @@ const char* const kFooter = R"(Environment:
 Exit status:
   0  the work was done
   1  the work failed: the node could not be reached, the deadline passed, a
-     message was not acknowledged, or Ctrl-C came first (one line on standard
-     error says which)
+     message was not written or acknowledged, the library met an error it
+     could not handle, or Ctrl-C came first (one line on standard error says
+     which)
   2  the command line was wrong (the usage follows on standard error)
+
+A closed standard output (orvik listen ... | head -1) ends a run the way
+Ctrl-C does; no subcommand ends by a signal of its own.
 
 Each subcommand has its own help: orvik SUBCOMMAND --help)";
 
@@ -91,6 +95,11 @@ void defineCommonOptions(CLI::App& app, orvik::Common& common) {
         ->group("Common options");
     app.add_flag("-v,--verbose", common.verbose, "Say on standard error what is going on")
         ->group("Common options");
+}
+
+std::string subcommandName(const CLI::App& app) {
+    const std::vector<CLI::App*> parsed = app.get_subcommands();
+    return parsed.empty() ? "" : parsed[0]->get_name();
 }
 
 }  // namespace
@@ -144,9 +153,15 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? orvik::kSuccess : orvik::kUsage;
     } catch (const orviku::Exception& error) {
-        orvik::reportFailure(
-            app.get_subcommands().empty() ? "" : app.get_subcommands()[0]->get_name(),
-            orvik::oneLine(error));
+        orvik::reportFailure(subcommandName(app), orvik::oneLine(error));
+        return orvik::kFailure;
+    } catch (const std::exception& error) {
+        // The library passes on what is not of its own family; whatever a
+        // subcommand did not handle ends the run with one line, not a signal.
+        orvik::reportFailure(subcommandName(app), orvik::unexpectedError(error));
+        return orvik::kFailure;
+    } catch (...) {
+        orvik::reportFailure(subcommandName(app), "unexpected error of an unknown kind");
         return orvik::kFailure;
     }
     return orvik::kUsage;

@@ -87,7 +87,8 @@ std::string escape(std::string_view bytes) {
     const bool utf8 = isUtf8(bytes);
     std::string text;
     text.reserve(bytes.size());
-    for (const char c : bytes) {
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        const char c = bytes[i];
         const auto byte = static_cast<unsigned char>(c);
         if (c == '\\') {
             text += "\\\\";
@@ -97,6 +98,10 @@ std::string escape(std::string_view bytes) {
             text += "\\t";
         } else if (byte < 0x20 || byte == 0x7f || (byte >= 0x80 && !utf8)) {
             text += hexByte(byte);
+        } else if (utf8 && byte == 0xc2 && i + 1 < bytes.size() &&
+                   static_cast<unsigned char>(bytes[i + 1]) <= 0x9f) {
+            // U+0080..U+009F, the C1 controls: a terminal acts on them too.
+            text += hexByte(byte) + hexByte(static_cast<unsigned char>(bytes[++i]));
         } else {
             text += c;
         }
@@ -104,25 +109,53 @@ std::string escape(std::string_view bytes) {
     return text;
 }
 
+namespace {
+
+// The field, and beside it KEY_base64 when the bytes are not UTF-8: the line
+// replaces what is not UTF-8 by U+FFFD, which would make distinct values equal.
+void addText(nlohmann::ordered_json& json, const std::string& key, const std::string& value) {
+    json[key] = value;
+    if (!isUtf8(value)) {
+        json[key + "_base64"] = base64(value);
+    }
+}
+
+// As addText, for a list: KEY_base64 holds every element in base64 when any
+// of them is not UTF-8.
+void addTextList(nlohmann::ordered_json& json, const std::string& key,
+                 const std::vector<std::string>& values) {
+    json[key] = values;
+    if (!std::all_of(values.begin(), values.end(), isUtf8)) {
+        nlohmann::ordered_json encoded = nlohmann::ordered_json::array();
+        for (const std::string& value : values) {
+            encoded.push_back(base64(value));
+        }
+        json[key + "_base64"] = std::move(encoded);
+    }
+}
+
+}  // namespace
+
 nlohmann::ordered_json messageJson(const ReceivedMessage& message) {
-    const bool utf8 = isUtf8(message.body);
-    return nlohmann::ordered_json{
-        {"id", message.id},
-        {"app_id", message.appId},
-        {"routes", message.routes},
-        {"type", message.type},
-        {"size", message.body.size()},
-        {"valid_for", message.validForSeconds},
-        {"ack_mode", message.ackMode},
-        {"origin", message.origin},
-        {"body", utf8 ? nlohmann::ordered_json(message.body) : nlohmann::ordered_json(nullptr)},
-        {"body_base64", base64(message.body)},
-    };
+    nlohmann::ordered_json json = nlohmann::ordered_json::object();
+    addText(json, "id", message.id);
+    addText(json, "app_id", message.appId);
+    addTextList(json, "routes", message.routes);
+    addText(json, "type", message.type);
+    json["size"] = message.body.size();
+    json["valid_for"] = message.validForSeconds;
+    json["ack_mode"] = message.ackMode;
+    addTextList(json, "origin", message.origin);
+    json["body"] =
+        isUtf8(message.body) ? nlohmann::ordered_json(message.body) : nlohmann::ordered_json();
+    json["body_base64"] = base64(message.body);
+    return json;
 }
 
 std::string messageJsonLine(const ReceivedMessage& message) {
     // Ids, routes and types are bytes of the sender's choosing: what is not
-    // UTF-8 among them is replaced rather than failing the line.
+    // UTF-8 among them is replaced rather than failing the line (messageJson
+    // has put their exact bytes beside them).
     return messageJson(message).dump(-1, ' ', false,
                                      nlohmann::ordered_json::error_handler_t::replace);
 }

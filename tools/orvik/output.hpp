@@ -20,9 +20,10 @@ std::string base64(std::string_view bytes);
 // Whether the bytes are well-formed UTF-8 (as nlohmann/json decides it).
 bool isUtf8(std::string_view bytes);
 
-// One line of text: valid UTF-8 as it is but for control characters and the
-// backslash, which are escaped (\n, \t, \\, \xHH); anything else byte by byte,
-// everything outside printable ASCII as \xHH.
+// One line of text: valid UTF-8 as it is but for control characters (C0, DEL
+// and C1) and the backslash, which are escaped (\n, \t, \\, \xHH for each
+// byte); anything else byte by byte, everything outside printable ASCII as
+// \xHH.
 std::string escape(std::string_view bytes);
 
 // A message as it was received, in plain values.
@@ -39,7 +40,9 @@ struct ReceivedMessage {
 
 // The keys id, app_id, routes, type, size, valid_for, ack_mode (a number),
 // origin, body (a string when the payload is valid UTF-8, else null) and
-// body_base64.
+// body_base64. Beside each of id, app_id and type that is not valid UTF-8
+// comes KEY_base64 with its bytes; beside routes and origin, when any element
+// is not, KEY_base64 with every element in base64.
 nlohmann::ordered_json messageJson(const ReceivedMessage& message);
 // messageJson on one line.
 std::string messageJsonLine(const ReceivedMessage& message);

@@ -2,6 +2,7 @@
 // few seconds, prints each one from the registry callback, and lends the main
 // thread to blockThreadForIO until enough came or the deadline passed.
 #include <climits>
+#include <exception>
 #include <iostream>
 #include <string>
 
@@ -26,6 +27,8 @@ be reached, or when the deadline or Ctrl-C comes before the registries
 wanted. After Ctrl-C one line on standard error says how many it fetched:
   orvik registry: interrupted (fetched N)      or, with -n,
   orvik registry: interrupted (fetched N of COUNT)
+A standard output that is closed ends it the same way, with "standard
+output closed" for "interrupted".
 
 raw prints each registry's bytes as they are, json pretty-prints a registry
 that is JSON (and prints any other as raw does); a newline follows each
@@ -59,18 +62,22 @@ public:
         std::unique_ptr<orvikm::Client> client = makeClient(common, {});
 
         unsigned long long fetched = 0;
+        bool outputClosed = false;
         // seconds::max() asks once; any other interval asks again and again.
         const std::chrono::seconds interval =
             watching ? std::chrono::seconds(_watchSeconds) : std::chrono::seconds::max();
         client->obtainRegistry(
             [&](std::shared_ptr<orvikm::Registry> registry) {
-                if (counted && fetched >= wanted) {
+                if ((counted && fetched >= wanted) || outputClosed) {
                     return;
                 }
                 const orvikm::Payload& body = registry->payload();
-                std::cout << output::registryText(std::string_view(body.getBuffer(), body.size()),
-                                                  _format == "json")
-                          << std::flush;
+                if (!writeOutput(output::registryText(
+                        std::string_view(body.getBuffer(), body.size()), _format == "json"))) {
+                    outputClosed = true;
+                    client->terminate();
+                    return;
+                }
                 if (++fetched == wanted && counted) {
                     client->terminate();
                 }
@@ -81,11 +88,15 @@ public:
         LoopStopper::Reason stopped = LoopStopper::Reason::None;
         {
             const LoopStopper stopper(*client, deadline);
-            client->blockThreadForIO([&](orviku::Exception& failure) { error = oneLine(failure); },
-                                     kLoopTimeout);
+            try {
+                client->blockThreadForIO(
+                    [&](orviku::Exception& failure) { error = oneLine(failure); }, kLoopTimeout);
+            } catch (const std::exception& failure) {
+                error = unexpectedError(failure);
+            }
             stopped = stopper.reason();
             if (error.empty() && counted && fetched < wanted) {
-                error = stopper.describe();
+                error = outputClosed ? outputFailure() : stopper.describe();
             }
         }
         if (common.verbose) {
@@ -97,7 +108,9 @@ public:
             reportFailure("registry", error + " (" + tally + ")");
             return kFailure;
         }
-        if (stopped == LoopStopper::Reason::Interrupted) {
+        if (outputClosed) {
+            reportFailure("registry", outputFailure() + " (" + tally + ")");
+        } else if (stopped == LoopStopper::Reason::Interrupted) {
             reportFailure("registry", "interrupted (" + tally + ")");
         }
         return kSuccess;

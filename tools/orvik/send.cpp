@@ -1,15 +1,17 @@
-// orvik send: queues messages with send(), then lends the main thread to the
-// client with flush() until every message is written and acknowledged.
+// orvik send: queues messages with send(), a bounded number at a time, and
+// lends the main thread to the client with flush() until those are written
+// and acknowledged, then queues the next ones.
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <fstream>
+#include <exception>
 #include <iostream>
-#include <iterator>
 #include <list>
 #include <map>
 #include <optional>
@@ -29,6 +31,19 @@ namespace {
 
 constexpr std::size_t kReadSize = 64 * 1024;
 constexpr std::chrono::milliseconds kInputPoll(20);
+// The largest payload: what is read beyond it is refused rather than kept,
+// so that an endless input (/dev/zero) cannot take all memory.
+constexpr std::size_t kMaxPayload = std::size_t{64} << 20;
+const char* const kMaxPayloadText = "64 MiB";
+// At most this many messages, and about this many payload bytes, are queued
+// at a time: memory stays bounded whatever the count. A chunk of 8192 keeps
+// `send -n` as fast as queueing everything at once (the pause at the end of
+// each chunk, for the last acknowledgements, is a round trip).
+constexpr std::size_t kChunkMessages = 8192;
+constexpr std::size_t kChunkBytes = std::size_t{16} << 20;
+// A flush writes this many messages a pass, then reads and looks at
+// terminate(), so that Ctrl-C is seen while a chunk is written.
+constexpr std::size_t kWriteBatch = 1024;
 
 const std::map<std::string, orvikm::Message::AckMode> kAckModes{
     {"node", orvikm::Message::AckMode::ByNode},
@@ -38,26 +53,48 @@ const std::map<std::string, orvikm::Message::AckMode> kAckModes{
 
 const char* const kFooter =
     R"(The payload is DATA, the bytes of FILE (-f), or standard input when DATA
-is "-". Every message gets a new id; with -v each id is shown on standard
-error as it is queued and acknowledged.
+is "-", at most 64 MiB (67108864 bytes): a larger file or input is a usage
+error. FILE may be a FIFO; orvik waits for its writer. Every message gets a
+new id; with -v each id is shown on standard error as it is queued and
+acknowledged. A message is valid for at least 1 second (--valid-for).
 
 orvik send waits until the node has acknowledged every message (with
 --ack none: until every message is written), at most until the deadline
-(--timeout). Its last line on standard output is "sent N, acknowledged M":
-N messages written to the node, M acknowledged. It exits 1 when a message
-is left unwritten or unacknowledged, or the node cannot be reached. Ctrl-C
-stops it at any point, while it reads standard input too: it prints that
-line for what was done so far and exits 1 unless every message was already
-acknowledged.
+(--timeout). With -n it queues the copies a few thousand at a time, so a
+large COUNT costs time, not memory. Its last line on standard output is
+"sent N, acknowledged M": N messages written to the node, M acknowledged.
+It exits 1 when a message is left unwritten or unacknowledged, or the node
+cannot be reached. Ctrl-C stops it at any point, while it reads its
+payload too: it prints that line for what was done so far and exits 1
+unless every message was already acknowledged.
 
 Example: orvik send -l 5555 -d 5556 -r news "hello")";
+
+// Closes a descriptor when it goes out of scope.
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : _fd(fd) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() {
+        if (_fd >= 0) {
+            ::close(_fd);
+        }
+    }
+    int get() const { return _fd; }
+
+private:
+    int _fd;
+};
 
 class SendCommand : public Command {
 public:
     void define(CLI::App& subcommand) override {
         _dataOption =
             subcommand.add_option("data", _data, "The payload; \"-\" reads it from standard input");
-        subcommand.add_option("-f,--file", _file, "Send the bytes of this file instead of DATA")
+        subcommand
+            .add_option("-f,--file", _file,
+                        "Send the bytes of this file (or FIFO) instead of DATA, at most 64 MiB")
             ->check(CLI::ExistingFile)
             ->excludes(_dataOption);
         subcommand
@@ -67,9 +104,21 @@ public:
             ->allow_extra_args(false);
         subcommand.add_option("-t,--type", _type, "The payload type label")->capture_default_str();
         subcommand
-            .add_option("--valid-for", _validFor, "How long the message stays valid, in seconds")
+            .add_option("--valid-for", _validFor,
+                        "How long the message stays valid, in seconds (at least 1)")
             ->capture_default_str()
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::Validator(
+                [](std::string& text) {
+                    // The option's own conversion refuses what is no number.
+                    try {
+                        return std::stoll(text) < 1
+                                   ? "a message must be valid for at least 1 second"
+                                   : std::string();
+                    } catch (const std::exception&) {
+                        return std::string();
+                    }
+                },
+                "POSITIVE"));
         subcommand
             .add_option("--ack", _ack,
                         "Who acknowledges: node (the node, once it has the message), receivers "
@@ -87,14 +136,16 @@ public:
         const Deadline deadline(common.timeoutSeconds);
         const std::optional<std::string> read = payloadBytes(common.verbose);
         if (!read) {
-            std::cout << output::sendSummary(0, 0) << std::endl;
-            reportFailure("send", "interrupted while reading standard input (nothing sent)");
+            writeOutput(output::sendSummary(0, 0) + "\n");
+            reportFailure("send", "interrupted while reading " + sourceName() + " (nothing sent)");
             return kFailure;
         }
         const std::string& body = *read;
         const orvikm::Message::AckMode ackMode = kAckModes.at(_ack);
         const bool acknowledged = ackMode != orvikm::Message::AckMode::Unacknowledged;
-        std::unique_ptr<orvikm::Client> client = makeClient(common, {});
+        orvikm::Client::Options options;
+        options.maxWriteBatch = kWriteBatch;
+        std::unique_ptr<orvikm::Client> client = makeClient(common, {}, options);
 
         // A message the node never acknowledges within its validity is
         // reported here instead of being waited for until the deadline.
@@ -105,31 +156,42 @@ public:
             }
         });
 
+        const std::uint64_t chunk = std::clamp<std::size_t>(
+            kChunkBytes / std::max<std::size_t>(body.size(), 1), 1, kChunkMessages);
         std::atomic<std::uint64_t> acks{0};
-        for (unsigned i = 0; i < _count; ++i) {
-            queue(*client, body, ackMode, acknowledged ? &acks : nullptr, common.verbose);
-        }
-
         std::string error;
-        orvikm::Client::FlushResult flushed{};
         {
             const LoopStopper stopper(*client, deadline);
-            flushed = client->flush(deadline.remaining(),
-                                    [&](orviku::Exception& failure) { error = oneLine(failure); });
+            std::uint64_t queued = 0;
+            bool flushed = true;
+            while (queued < _count && flushed && error.empty() && unacknowledged.empty()) {
+                const std::uint64_t end = queued + std::min<std::uint64_t>(chunk, _count - queued);
+                for (; queued < end && stopper.reason() == LoopStopper::Reason::None; ++queued) {
+                    queue(*client, body, ackMode, acknowledged ? &acks : nullptr, common.verbose);
+                }
+                if (stopper.reason() != LoopStopper::Reason::None) {
+                    break;
+                }
+                flushed = flush(*client, deadline, error);
+            }
             if (error.empty()) {
                 error = stopper.describe();
             }
         }
 
         const orvikm::Client::Stats stats = client->stats();
-        std::cout << output::sendSummary(stats.written, acks.load()) << std::endl;
-        const bool done = flushed.complete && (!acknowledged || acks.load() == _count);
+        // Whether the summary could be written changes nothing in the run.
+        writeOutput(output::sendSummary(stats.written, acks.load()) + "\n");
+        // Written counts what reached the node's socket: a message that
+        // expired in the queue was never sent.
+        const bool done = stats.written == _count && (!acknowledged || acks.load() == _count);
         if (error.empty() && !unacknowledged.empty()) {
             error = "message " + unacknowledged + " was not acknowledged within its validity";
         }
         if (!done) {
             const std::string left =
-                std::to_string(flushed.queued) + " unwritten" +
+                std::to_string(_count - std::min<std::uint64_t>(stats.written, _count)) +
+                " unwritten" +
                 (acknowledged ? ", " + std::to_string(_count - acks.load()) + " unacknowledged"
                               : "");
             reportFailure("send", error.empty() ? left : error + " (" + left + ")");
@@ -139,53 +201,65 @@ public:
     }
 
 private:
-    // The payload; nothing when Ctrl-C came while standard input was read.
+    // Runs the loop until what is queued is written and acknowledged; false
+    // when it ended for any other reason (the error, if any, in `error`).
+    static bool flush(orvikm::Client& client, const Deadline& deadline, std::string& error) {
+        try {
+            return client
+                .flush(deadline.remaining(),
+                       [&](orviku::Exception& failure) { error = oneLine(failure); })
+                .complete;
+        } catch (const std::exception& failure) {
+            error = unexpectedError(failure);
+            return false;
+        }
+    }
+
+    std::string sourceName() const { return _file.empty() ? "standard input" : _file; }
+
+    // The payload; nothing when Ctrl-C came while it was read.
     std::optional<std::string> payloadBytes(bool verbose) const {
-        std::string bytes;
         if (!_file.empty()) {
-            std::ifstream in(_file, std::ios::binary);
-            if (in) {
-                bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+            if (verbose) {
+                std::cerr << "orvik send: reading the payload from " << _file << std::endl;
             }
-            if (!in.is_open() || in.bad()) {
+            // Without O_NONBLOCK the open of a FIFO would wait for a writer,
+            // and no signal would end that wait.
+            const Descriptor file(::open(_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+            if (file.get() < 0) {
                 throw CLI::FileError("cannot read " + _file + ": " + std::strerror(errno),
                                      CLI::ExitCodes::FileError);
             }
-        } else if (_data == "-") {
+            return readAll(file.get(), _file);
+        }
+        if (_data == "-") {
             if (verbose) {
                 std::cerr << "orvik send: reading the payload from standard input" << std::endl;
             }
-            std::optional<std::string> input = readStandardInput();
-            if (!input) {
-                return std::nullopt;
-            }
-            bytes = std::move(*input);
-        } else if (_dataOption->count() > 0) {
-            bytes = _data;
-        } else {
-            throw CLI::RequiredError("the payload: give DATA, -f FILE or - for standard input",
-                                     CLI::ExitCodes::RequiredError);
+            return readAll(STDIN_FILENO, "standard input");
         }
-        if (bytes.size() > UINT_MAX) {
-            throw CLI::ValidationError("a payload has at most " + std::to_string(UINT_MAX) +
-                                       " bytes");
+        if (_dataOption->count() > 0) {
+            return _data;
         }
-        return bytes;
+        throw CLI::RequiredError("the payload: give DATA, -f FILE or - for standard input",
+                                 CLI::ExitCodes::RequiredError);
     }
 
-    // Standard input up to its end; nothing when Ctrl-C comes first. The wait
-    // for input has a timeout, so that a signal handled on another thread is
-    // seen as well.
-    static std::optional<std::string> readStandardInput() {
+    // Everything up to the end of the input, at most kMaxPayload bytes;
+    // nothing when Ctrl-C comes first. The wait for input has a timeout, so
+    // that a signal handled on another thread is seen as well.
+    static std::optional<std::string> readAll(int fd, const std::string& name) {
         std::string bytes;
         std::vector<char> buffer(kReadSize);
-        pollfd input{STDIN_FILENO, POLLIN, 0};
+        pollfd input{fd, POLLIN, 0};
         while (!stopRequested()) {
             const int ready = ::poll(&input, 1, static_cast<int>(kInputPoll.count()));
             if (ready == 0 || (ready < 0 && errno == EINTR)) {
                 continue;
             }
-            const ssize_t got = ready < 0 ? -1 : ::read(STDIN_FILENO, buffer.data(), buffer.size());
+            // One byte beyond the bound is enough to know the input is too large.
+            const std::size_t wanted = std::min(buffer.size(), kMaxPayload + 1 - bytes.size());
+            const ssize_t got = ready < 0 ? -1 : ::read(fd, buffer.data(), wanted);
             if (got == 0) {
                 return bytes;
             }
@@ -193,11 +267,15 @@ private:
                 if (errno == EINTR || errno == EAGAIN) {
                     continue;
                 }
-                throw CLI::FileError(
-                    std::string("cannot read standard input: ") + std::strerror(errno),
-                    CLI::ExitCodes::FileError);
+                throw CLI::FileError("cannot read " + name + ": " + std::strerror(errno),
+                                     CLI::ExitCodes::FileError);
             }
             bytes.append(buffer.data(), static_cast<std::size_t>(got));
+            if (bytes.size() > kMaxPayload) {
+                throw CLI::ValidationError(name + " holds more than the largest payload, " +
+                                           kMaxPayloadText + " (" + std::to_string(kMaxPayload) +
+                                           " bytes)");
+            }
         }
         return std::nullopt;
     }
