@@ -39,6 +39,9 @@ struct WatchId;
 class WrittenIds;
 /// Sent messages the watch table has still to take in (defined in the library).
 class SentWatches;
+/// The client's way to be woken by send() and terminate() (defined in the
+/// library).
+class Wakeup;
 }  // namespace detail
 
 /// The application's connection to the local Orvik Node: a listener (subscriber)
@@ -188,6 +191,13 @@ public:
         /// reads, and the next pass goes on with the queue: acknowledgements
         /// flow during a burst. 0: a pass writes everything queued.
         std::size_t maxWriteBatch{0};
+        /// With true, the loop's reading step ends as soon as a message is
+        /// queued (from any thread) or terminate() is called, so that the
+        /// message is written at once and the loop returns at once. A burst
+        /// costs its senders one system call, not one per message. false (the
+        /// default): a message queued during a reading step waits until the
+        /// sockets have been quiet for the loop's timeout.
+        bool wakeOnSend{false};
     };
 
     /// Creates both sockets with the identities appId + "|lstn" and
@@ -293,8 +303,9 @@ public:
     /// blockThreadForIO. Refused, like a second loop, while a loop runs.
     bool check(std::chrono::milliseconds timeout);
 
-    /// Extensions: flush, counters, the delivery-failure report. None of them
-    /// changes what the calls above do while it is unused.
+    // Extensions: flush, counters, the delivery-failure report, your own
+    // event loop. None of them changes what the calls above do while it is
+    // unused.
 
     /// What the client holds and has done so far. Counters only grow.
     struct Stats {
@@ -335,6 +346,39 @@ public:
     FlushResult flush(std::chrono::milliseconds deadline,
                       std::function<void(orviku::Exception&)> errorHandler = nullptr);
 
+    // Your own event loop: instead of lending a thread to blockThreadForIO,
+    // an application that runs an event loop (asio, libuv, epoll, poll)
+    // watches eventHandle() and calls processEvents() when it is readable,
+    // and again after the wait processEvents() returned. <orvikm/asio.hpp>
+    // does this for asio.
+
+    /// A file descriptor for an application that runs its own event loop: it
+    /// is readable while the client has work that processEvents() does (input
+    /// waiting on either socket, a message queued, an early end of the last
+    /// pass). Level-triggered: it stays readable until processEvents() has
+    /// done that work. Owned by the client (closed with it); the application
+    /// only polls it. Made at the first call, which is best made before the
+    /// loop runs or on the thread that calls processEvents(); later calls
+    /// return the same descriptor. From that call on, send() from any thread
+    /// makes it readable. Throws orvikm::Exception when the system refuses a
+    /// descriptor.
+    int eventHandle();
+    /// One pass that never waits for input: writes what is queued (at most
+    /// Options::maxWriteBatch), the registry request and the inbox check when
+    /// due, reads and dispatches what has already arrived (for at most
+    /// Options::maxReadTime), and runs the delivery-failure report's checks.
+    /// The thread that calls it is the I/O thread for the pass: every callback
+    /// runs on it. A write to a node that is not connected waits up to
+    /// Options::sendTimeout, as in blockThreadForIO (0: never). Errors as in
+    /// blockThreadForIO: an error of the orviku family goes to errorHandler,
+    /// any other is rethrown after it; the client stays usable. Returns how
+    /// long the application may wait, at most, before calling it again when
+    /// eventHandle() stays quiet (the next inbox check, registry request or
+    /// expiry check). Does not look at terminate(). Refused like a second
+    /// loop while blockThreadForIO, check or flush runs, and they are refused
+    /// while it runs; call it from one thread at a time.
+    std::chrono::milliseconds processEvents(std::function<void(orviku::Exception&)> errorHandler);
+
     /// Once set, a message sent with an acknowledgement callback whose
     /// acknowledgement has not come within its validity period after it was
     /// written has its callback forgotten and is reported once, by id; a
@@ -364,6 +408,14 @@ private:
     // Reads until the sockets are quiet for `timeout`, or for at most
     // Options::maxReadTime when that is set.
     void read_until_quiet(std::chrono::milliseconds timeout);
+    // Whether a reading step is to end now: wakeOnSend's descriptor was
+    // readable. Clears the mark.
+    bool take_wake();
+    // The wait processEvents() returns: until the next periodic work is due.
+    std::chrono::milliseconds next_due() const;
+    // Reads what has arrived without waiting, for at most maxReadTime; true
+    // when it stopped with work left (that bound, or a message queued).
+    bool read_available();
     // Whether the loop is to stop; called with the termination lock held.
     bool stop_requested();
     // Clears both termination flags at the start of a loop.
@@ -446,6 +498,14 @@ private:
     // Expired messages not reported yet: a report callback threw before their
     // turn.
     std::deque<std::string> _pending_reports;
+
+    // Made with wakeOnSend or at the first eventHandle(); from then on send()
+    // and terminate() signal it (_wake_enabled is set once it is ready, and
+    // read by them before they touch it).
+    std::unique_ptr<detail::Wakeup> _wakeup;
+    std::atomic<bool> _wake_enabled{false};
+    // Set by the selector when the wake-up descriptor was read.
+    bool _woken{false};
 };
 
 }  // namespace orvikm

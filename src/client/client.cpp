@@ -8,6 +8,7 @@
 
 #include "intervals.hpp"
 #include "limits.hpp"
+#include "wakeup.hpp"
 #include "watch_table.hpp"
 
 namespace orvikm {
@@ -136,6 +137,14 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
             "While trying to set the queue limits and send timeout of the client's sockets");
         throw;
     }
+    if (_options.wakeOnSend) {
+        _wakeup = std::make_unique<detail::Wakeup>();
+        _selector.watchDescriptor(_wakeup->eventDescriptor(), [this] {
+            _wakeup->drain();
+            _woken = true;
+        });
+        _wake_enabled.store(true, std::memory_order_release);
+    }
     try {
         checkAppId(_id);
         checkPort(listenerPort, "Listener");
@@ -173,6 +182,10 @@ void Client::terminate() {
     if (lock.try_lock()) {
         _term_data.isTermed() = true;
         lock.unlock();
+    }
+    // After the flags, so that the loop it wakes finds them set.
+    if (_wake_enabled.load(std::memory_order_acquire)) {
+        _wakeup->signal();
     }
 }
 

@@ -1,5 +1,6 @@
 #include "intervals.hpp"
 
+#include <cstdint>
 #include <type_traits>
 
 namespace orvikm::detail {
@@ -39,6 +40,21 @@ bool intervalPassed(TimePoint last, std::chrono::seconds interval, TimePoint now
     const Wide elapsed =
         Wide{now.time_since_epoch().count()} - Wide{last.time_since_epoch().count()};
     return elapsed > ticksOf(interval);
+}
+
+std::chrono::milliseconds untilPassed(TimePoint last, std::chrono::seconds interval, TimePoint now,
+                                      std::chrono::milliseconds limit) {
+    if (intervalPassed(last, interval, now)) {
+        return std::chrono::milliseconds(0);
+    }
+    // It turns true one tick after last + interval.
+    const Wide left = Wide{last.time_since_epoch().count()} + ticksOf(interval) + 1 -
+                      Wide{now.time_since_epoch().count()};
+    constexpr Wide ticks_per_millisecond = ticks_per_second / 1000;
+    const Wide milliseconds = (left + ticks_per_millisecond - 1) / ticks_per_millisecond;
+    return milliseconds < Wide{limit.count()}
+               ? std::chrono::milliseconds(static_cast<std::int64_t>(milliseconds))
+               : limit;
 }
 
 namespace {

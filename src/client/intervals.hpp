@@ -16,6 +16,11 @@ TimePoint earlierBy(TimePoint now, std::chrono::seconds interval);
 // A `last` at the clock's earliest time has always passed.
 bool intervalPassed(TimePoint last, std::chrono::seconds interval, TimePoint now);
 
+// How long after `now` intervalPassed(last, interval, ...) turns true, in
+// whole milliseconds rounded up, and at most `limit`; 0 when it is already.
+std::chrono::milliseconds untilPassed(TimePoint last, std::chrono::seconds interval, TimePoint now,
+                                      std::chrono::milliseconds limit);
+
 // `now` plus `duration` on the steady clock, held at the clock's range: a
 // validity of seconds::max() or a bound of milliseconds::max() is a deadline
 // that never comes. Each unit has its own overload, since converting a large

@@ -96,7 +96,7 @@ void Client::report_loop_error(const std::function<void(orviku::Exception&)>& er
 
 void Client::read_until_quiet(std::chrono::milliseconds timeout) {
     if (_options.maxReadTime.count() <= 0) {
-        while (poll_once(timeout)) {
+        while (poll_once(timeout) && !take_wake()) {
         }
         return;
     }
@@ -104,10 +104,14 @@ void Client::read_until_quiet(std::chrono::milliseconds timeout) {
     const Clock::time_point end = detail::steadyAfter(Clock::now(), _options.maxReadTime);
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        if (left.count() <= 0 || !poll_once(std::min(timeout, left))) {
+        if (left.count() <= 0 || !poll_once(std::min(timeout, left)) || take_wake()) {
             return;
         }
     }
+}
+
+bool Client::take_wake() {
+    return std::exchange(_woken, false);
 }
 
 bool Client::stop_requested() {

@@ -7,6 +7,7 @@
 #include <wxblt/exception.hpp>
 
 #include "limits.hpp"
+#include "wakeup.hpp"
 #include "watch_table.hpp"
 
 namespace orvikm {
@@ -28,14 +29,17 @@ void Client::send(Message message, std::function<void()> onAck) {
         // Registered first: an acknowledgement can never outrun its callback.
         _result_callbacks.registerCallback(message, std::move(onAck));
         _msg_queue.push(message);
-        return;
+    } else {
+        // Both come before the message can be written.
+        const detail::WatchId id(message.msgIdView());
+        const bool hasCallback = static_cast<bool>(onAck);
+        _result_callbacks.registerCallback(message, std::move(onAck));
+        watch_queued(id, message, hasCallback);
+        _msg_queue.push(message);
     }
-    // Both come before the message can be written.
-    const detail::WatchId id(message.msgIdView());
-    const bool hasCallback = static_cast<bool>(onAck);
-    _result_callbacks.registerCallback(message, std::move(onAck));
-    watch_queued(id, message, hasCallback);
-    _msg_queue.push(message);
+    if (_wake_enabled.load(std::memory_order_acquire)) {
+        _wakeup->signal();
+    }
 }
 
 void Client::send(char* buffer, unsigned int size, std::string payloadType,

@@ -23,6 +23,10 @@ InputSelector::InputSelector(std::vector<std::pair<Socket*, Handler>> entries,
 
 InputSelector::~InputSelector() = default;
 
+void InputSelector::watchDescriptor(int descriptor, std::function<void()> handler) {
+    _descriptors.emplace_back(descriptor, std::move(handler));
+}
+
 bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
     using Clock = std::chrono::steady_clock;
     // A wait without end could never be stopped from outside, since nothing
@@ -32,8 +36,10 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
     }
     const Clock::time_point deadline = Clock::now() + timeout;
 
-    // Built at every call: it stays right if a socket moved.
-    const std::size_t count = _entries.size();
+    // Built at every call: it stays right if a socket moved. The watched
+    // descriptors follow the sockets.
+    const std::size_t sockets = _entries.size();
+    const std::size_t count = sockets + _descriptors.size();
     zmq_pollitem_t stackItems[stack_items];
     bool stackActive[stack_items];
     std::vector<zmq_pollitem_t> heapItems;
@@ -49,9 +55,12 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
     // A frame that a socket received ahead is input that the poll cannot see:
     // then the poll only looks.
     bool ahead = false;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < sockets; ++i) {
         items[i] = zmq_pollitem_t{_entries[i].first->handle(), 0, ZMQ_POLLIN, 0};
         ahead = ahead || _entries[i].first->hasFrameAhead();
+    }
+    for (std::size_t i = sockets; i < count; ++i) {
+        items[i] = zmq_pollitem_t{nullptr, _descriptors[i - sockets].first, ZMQ_POLLIN, 0};
     }
 
     long wait = ahead ? 0 : timeout.count();
@@ -75,7 +84,7 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
         wait = ahead ? 0 : left.count();
     }
 
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < sockets; ++i) {
         active[i] = (items[i].revents & ZMQ_POLLIN) != 0 || _entries[i].first->hasFrameAhead();
     }
     // Round by round, each socket that still has input gets one more call, up
@@ -84,7 +93,7 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
     bool dispatched = false;
     for (std::size_t round = 0; round < _max_calls_per_socket; ++round) {
         bool called = false;
-        for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t i = 0; i < sockets; ++i) {
             if (!active[i]) {
                 continue;
             }
@@ -100,6 +109,12 @@ bool InputSelector::run(std::chrono::duration<long, std::milli> timeout) {
             break;
         }
         dispatched = true;
+    }
+    for (std::size_t i = sockets; i < count; ++i) {
+        if ((items[i].revents & ZMQ_POLLIN) != 0) {
+            _descriptors[i - sockets].second();
+            dispatched = true;
+        }
     }
     return dispatched;
 }

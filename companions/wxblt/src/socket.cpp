@@ -235,6 +235,16 @@ bool Socket::hasInput() const {
     return (events & ZMQ_POLLIN) != 0;
 }
 
+int Socket::descriptor() const {
+    detail::throwIfShutDown();
+    int descriptor = -1;
+    size_t size = sizeof descriptor;
+    if (zmq_getsockopt(_handle, ZMQ_FD, &descriptor, &size) != 0) {
+        detail::throwLastError();
+    }
+    return descriptor;
+}
+
 void Socket::setReadAhead(bool enabled) noexcept {
     _read_ahead = enabled;
 }

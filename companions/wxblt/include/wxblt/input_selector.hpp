@@ -26,6 +26,13 @@ public:
                            std::size_t maxCallsPerSocket = 1);
     ~InputSelector();
 
+    /// Watches a file descriptor beside the sockets (an eventfd that another
+    /// thread writes to wake the poll, say): when it is readable, run() calls
+    /// `handler` once, after the sockets' handlers. The handler must read what
+    /// made the descriptor readable, or every later run finds it so again. The
+    /// descriptor is not owned; it must stay open while it is watched.
+    void watchDescriptor(int descriptor, std::function<void()> handler);
+
     /// Waits at most `timeout` for input on any socket; a negative timeout
     /// counts as zero (it looks for input without waiting), so that a loop of
     /// runs stays stoppable whatever it is given. Then calls the handler of
@@ -35,7 +42,8 @@ public:
     /// until it has none or its handler has run `maxCallsPerSocket` times in
     /// this run, so that one busy socket does not keep the others waiting.
     /// Each call is meant to read one request; a handler that leaves its input
-    /// unread is called again for it. Returns true when it called a handler,
+    /// unread is called again for it. A watched descriptor that is readable
+    /// has its handler called once. Returns true when it called a handler,
     /// false when the time passed without input. A handler's exception passes
     /// out unchanged and ends the run. Throws ZmqTermination once the context
     /// is shut down.
@@ -48,6 +56,7 @@ public:
 
 private:
     std::vector<std::pair<Socket*, Handler>> _entries;
+    std::vector<std::pair<int, std::function<void()>>> _descriptors;
     std::size_t _max_calls_per_socket;
 };
 

@@ -115,6 +115,12 @@ public:
 
     /// The underlying ZeroMQ socket, for polling.
     void* handle() const noexcept { return _handle; }
+    /// ZeroMQ's file descriptor of the socket (ZMQ_FD), for an event loop of
+    /// another library. Edge-triggered: it becomes readable when the socket's
+    /// state may have changed, and stays quiet after that until hasInput() or
+    /// a poll of handle() has been asked; so read until hasInput() says no
+    /// more before waiting on it again. Owned by the socket.
+    int descriptor() const;
 
 private:
     void close() noexcept;

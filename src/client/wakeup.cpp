@@ -1,0 +1,91 @@
+#include "wakeup.hpp"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include <orvikm/errors.hpp>
+
+namespace orvikm::detail {
+
+namespace {
+
+[[noreturn]] void throwSystemError(const char* what) {
+    throw Exception(std::string(what) + ": " + std::strerror(errno));
+}
+
+}  // namespace
+
+Wakeup::Wakeup() : _event(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (_event < 0) {
+        throwSystemError("Could not create the client's wake-up descriptor (eventfd)");
+    }
+}
+
+Wakeup::~Wakeup() {
+    if (_epoll >= 0) {
+        ::close(_epoll);
+    }
+    ::close(_event);
+}
+
+void Wakeup::signal() noexcept {
+    // The caller queued its work just before. Either the loop's drain() comes
+    // after this look at the flag, and the loop takes the work, or the flag
+    // is seen clear and the eventfd written: the fences on both sides keep
+    // the look from moving ahead of the queueing. The plain load keeps a
+    // burst's senders off the cache line's exclusive state.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (_signalled.load(std::memory_order_relaxed) ||
+        _signalled.exchange(true, std::memory_order_acq_rel)) {
+        return;
+    }
+    const std::uint64_t one = 1;
+    // Fails only when the counter would overflow, which one write per drain
+    // never reaches.
+    [[maybe_unused]] const ssize_t written = ::write(_event, &one, sizeof one);
+}
+
+void Wakeup::drain() noexcept {
+    // Read first, then clear: a sender that came in between saw the flag
+    // still set and did not write, and its work is taken by the caller next.
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t got = ::read(_event, &count, sizeof count);
+    _signalled.store(false, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+int Wakeup::pollDescriptor(const int* sockets, int count) {
+    if (_epoll >= 0) {
+        return _epoll;
+    }
+    const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epoll < 0) {
+        throwSystemError("Could not create the client's event handle (epoll)");
+    }
+    const auto add = [epoll](int descriptor) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = descriptor;
+        return ::epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
+    };
+    bool added = add(_event);
+    for (int i = 0; added && i < count; ++i) {
+        added = add(sockets[i]);
+    }
+    if (!added) {
+        const int error = errno;
+        ::close(epoll);
+        errno = error;
+        throwSystemError("Could not watch the client's sockets in its event handle (epoll_ctl)");
+    }
+    _epoll = epoll;
+    return _epoll;
+}
+
+}  // namespace orvikm::detail
