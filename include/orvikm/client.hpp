@@ -13,6 +13,7 @@
 #include <queue>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -42,6 +43,10 @@ class SentWatches;
 /// The client's way to be woken by send() and terminate() (defined in the
 /// library).
 class Wakeup;
+/// The room the outgoing queue has under its bounds (defined in the library).
+class QueueRoom;
+/// The connection events of the client's sockets (defined in the library).
+class ConnectionMonitor;
 }  // namespace detail
 
 /// The application's connection to the local Orvik Node: a listener (subscriber)
@@ -90,6 +95,8 @@ public:
         /// How many messages are queued. Takes no lock (the count is kept
         /// beside the queue), so it never waits for a write in progress.
         std::size_t size() const;
+        /// The payload bytes of the queued messages, kept as size() is.
+        std::size_t payloadBytes() const;
         /// Removes, under the queue's lock, every message for which `drop`
         /// returns true, keeping the order of the rest; returns how many went.
         /// `drop` must not use this queue.
@@ -105,6 +112,7 @@ public:
         std::mutex mutex;
         Queue queue;
         std::atomic<std::size_t> count{0};
+        std::atomic<std::size_t> bytes{0};
     };
 
     /// The acknowledgement callbacks of sent messages, by message id. Each runs
@@ -198,6 +206,18 @@ public:
         /// default): a message queued during a reading step waits until the
         /// sockets have been quiet for the loop's timeout.
         bool wakeOnSend{false};
+        /// With a value, send() refuses a message that would make more than
+        /// this many messages queued. 0: unbounded.
+        std::size_t maxQueued{0};
+        /// The same bound on the queued messages' payload bytes; a message
+        /// larger than it alone is always refused. 0: unbounded.
+        std::size_t maxQueuedBytes{0};
+        /// How long send() called from a thread other than the I/O thread waits
+        /// for room before it refuses. 0: refuse at once. On the I/O thread it
+        /// never waits (that would wait for ever). The wait ends as soon as the
+        /// loop has written enough, or when terminate() is called (the message
+        /// is then refused).
+        std::chrono::milliseconds queueFullWait{0};
     };
 
     /// Creates both sockets with the identities appId + "|lstn" and
@@ -238,7 +258,10 @@ public:
     /// registered or queued, with an orvikm::Exception naming the value and
     /// the limit: a route longer than 100 bytes, a route of one zero byte (it
     /// reads as the route delimiter), a header line ("app_id|<id>",
-    /// "p_type|<type>", ...) longer than 100 bytes.
+    /// "p_type|<type>", ...) longer than 100 bytes. With Options::maxQueued
+    /// or maxQueuedBytes set, a message that would pass a bound is refused the
+    /// same way (after Options::queueFullWait) with an orvikm::Exception whose
+    /// message begins "The outgoing queue is full" and names the bound.
     void send(Message message, std::function<void()> onAck);
     /// Builds the message from the arguments and queues it as
     /// send(Message, std::function<void()>) does, with the same thread rules
@@ -316,6 +339,8 @@ public:
         std::uint64_t received;        ///< messages handed to the message callback
         std::uint64_t errors;          ///< errors handed to an error handler
         std::uint64_t unacknowledged;  ///< messages reported through onUnacknowledged
+        std::size_t queuedBytes;       ///< payload bytes of the queued messages
+        std::uint64_t refused;         ///< sends refused because the queue was full
     };
     /// Any thread, callbacks included; reads atomics only, so it never waits
     /// for I/O or for a lock a callback may hold. The fields are read one by
@@ -379,6 +404,19 @@ public:
     /// while it runs; call it from one thread at a time.
     std::chrono::milliseconds processEvents(std::function<void(orviku::Exception&)> errorHandler);
 
+    /// Whether the client is connected to the node: both sockets, or not.
+    enum class ConnectionState { Connected, Disconnected };
+    /// Called on the I/O thread whenever the client's connection to the node
+    /// changes: Connected once both sockets are connected, Disconnected as soon
+    /// as either is not (the node stopped, was killed, was restarted). Nothing
+    /// is reported while the node was never there; a callback set while the
+    /// client is already connected hears Connected on the next pass of the
+    /// loop. The events come from ZeroMQ's socket monitor, which starts with
+    /// the first callback set: a socket that connected before that is taken
+    /// as connected when the dispenser is. Same thread rules as onMessage;
+    /// nothing changes while it is unset.
+    void onConnectionChange(std::function<void(ConnectionState)> callback);
+
     /// Once set, a message sent with an acknowledgement callback whose
     /// acknowledgement has not come within its validity period after it was
     /// written has its callback forgotten and is reported once, by id; a
@@ -408,6 +446,13 @@ private:
     // Reads until the sockets are quiet for `timeout`, or for at most
     // Options::maxReadTime when that is set.
     void read_until_quiet(std::chrono::milliseconds timeout);
+    // Registers, watches and queues a message that may be queued.
+    void enqueue(Message& message, std::function<void()> onAck);
+    // Takes room in the queue for a message of `bytes`, or refuses it.
+    void take_room(std::size_t bytes);
+    // Calls the connection callback when the state changed since it last
+    // heard of it.
+    void report_connection();
     // Whether a reading step is to end now: wakeOnSend's descriptor was
     // readable. Clears the mark.
     bool take_wake();
@@ -506,6 +551,21 @@ private:
     std::atomic<bool> _wake_enabled{false};
     // Set by the selector when the wake-up descriptor was read.
     bool _woken{false};
+
+    // Null while the queue is unbounded.
+    std::unique_ptr<detail::QueueRoom> _room;
+    std::atomic<std::uint64_t> _refused{0};
+    // Counts terminate() calls: a sender waiting for room stops waiting when
+    // it changes.
+    std::atomic<std::uint64_t> _terminations{0};
+    // The thread inside a loop, check, flush or processEvents, if any: a send
+    // from it never waits for room.
+    std::atomic<std::thread::id> _io_thread{};
+
+    std::function<void(ConnectionState)> _on_connection_change;
+    bool _on_connection_change_replaced{false};
+    // Made when the first connection callback is set.
+    std::unique_ptr<detail::ConnectionMonitor> _monitor;
 };
 
 }  // namespace orvikm

@@ -6,8 +6,10 @@
 #include <orvikm/errors.hpp>
 #include <wxblt/exception.hpp>
 
+#include "connection_monitor.hpp"
 #include "intervals.hpp"
 #include "limits.hpp"
+#include "queue_room.hpp"
 #include "wakeup.hpp"
 #include "watch_table.hpp"
 
@@ -49,11 +51,12 @@ void checkAppId(const std::string& appId) {
 
 void checkOptions(const Client::Options& options) {
     if (options.maxReadTime.count() < 0 || options.receiveLimit < 0 ||
-        options.sendTimeout.count() < 0) {
+        options.sendTimeout.count() < 0 || options.queueFullWait.count() < 0) {
         throw Exception("Client options must not be negative: maxReadTime " +
                         std::to_string(options.maxReadTime.count()) + " ms, receiveLimit " +
                         std::to_string(options.receiveLimit) + ", sendTimeout " +
-                        std::to_string(options.sendTimeout.count()) + " ms");
+                        std::to_string(options.sendTimeout.count()) + " ms, queueFullWait " +
+                        std::to_string(options.queueFullWait.count()) + " ms");
     }
 }
 
@@ -109,6 +112,9 @@ Client::Client(std::string appId, int listenerPort, int dispenserPort,
       _watched(std::make_unique<detail::WatchTable>()),
       _written_ids(std::make_unique<detail::WrittenIds>()) {
     checkOptions(_options);
+    if (_options.maxQueued > 0 || _options.maxQueuedBytes > 0) {
+        _room = std::make_unique<detail::QueueRoom>(_options.maxQueued, _options.maxQueuedBytes);
+    }
     // Neither socket limits its queues. ZeroMQ's default of 1000 messages each
     // way turns a node that is merely busy into errors and losses: a full
     // dealer send queue makes a write wait out the send timeout and fail with
@@ -178,6 +184,7 @@ void Client::terminate() {
     // loop, and the locked flag is set as well when its lock is free.
     // try_lock never blocks (on glibc it is one compare-and-swap).
     _stop_signalled.store(true);
+    ++_terminations;
     std::mutex& lock = _term_data.termLock();
     if (lock.try_lock()) {
         _term_data.isTermed() = true;

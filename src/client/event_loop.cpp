@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "connection_monitor.hpp"
 #include "intervals.hpp"
 #include "loop_support.hpp"
 #include "wakeup.hpp"
@@ -29,8 +30,13 @@ int Client::eventHandle() {
     if (!_wakeup) {
         _wakeup = std::make_unique<detail::Wakeup>();
     }
-    const int sockets[] = {_listener.descriptor(), _dispenser.descriptor()};
-    const int handle = _wakeup->pollDescriptor(sockets, 2);
+    int sockets[4] = {_listener.descriptor(), _dispenser.descriptor()};
+    int count = 2;
+    if (_monitor) {
+        sockets[count++] = _monitor->listenerEvents().descriptor();
+        sockets[count++] = _monitor->dispenserEvents().descriptor();
+    }
+    const int handle = _wakeup->pollDescriptor(sockets, count);
     if (!_wake_enabled.exchange(true, std::memory_order_acq_rel)) {
         // The first pass is due at once: the inbox check, and whatever was
         // queued before the handle existed.
@@ -41,7 +47,7 @@ int Client::eventHandle() {
 
 std::chrono::milliseconds Client::processEvents(
     std::function<void(orviku::Exception&)> errorHandler) {
-    const detail::IoLoopEntry entry(_io_running, "While trying to process events");
+    const detail::IoLoopEntry entry(_io_running, _io_thread, "While trying to process events");
     // Taken before the work it announced, so that what is queued from here on
     // signals again.
     if (_wakeup) {
@@ -50,6 +56,7 @@ std::chrono::milliseconds Client::processEvents(
     _woken = false;
     bool more = false;
     try {
+        report_connection();
         expire_due();
         send_all_msgs();
         // A write batch bound leaves the rest of the queue for the next pass.

@@ -9,8 +9,11 @@
 
 #include <wxblt/exception.hpp>
 
+#include "connection_monitor.hpp"
 #include "intervals.hpp"
 #include "loop_support.hpp"
+#include "queue_room.hpp"
+#include "wakeup.hpp"
 #include "watch_table.hpp"
 
 // The calls beyond the client's original surface: counters, flush and the
@@ -68,14 +71,14 @@ private:
 }  // namespace
 
 Client::Stats Client::stats() const {
-    return Stats{_msg_queue.size(),     _result_callbacks.size(), _written.load(),
-                 _acknowledged.load(),  _received.load(),         _errors.load(),
-                 _unacknowledged.load()};
+    return Stats{_msg_queue.size(),      _result_callbacks.size(),  _written.load(),
+                 _acknowledged.load(),   _received.load(),          _errors.load(),
+                 _unacknowledged.load(), _msg_queue.payloadBytes(), _refused.load()};
 }
 
 Client::FlushResult Client::flush(std::chrono::milliseconds deadline,
                                   std::function<void(orviku::Exception&)> errorHandler) {
-    const detail::IoLoopEntry entry(_io_running, "While trying to flush");
+    const detail::IoLoopEntry entry(_io_running, _io_thread, "While trying to flush");
     forget_termination();
     const Steady::time_point end =
         detail::steadyAfter(Steady::now(), std::max(deadline, deadline.zero()));
@@ -91,6 +94,7 @@ Client::FlushResult Client::flush(std::chrono::milliseconds deadline,
         // input below; its error is reported only at the deadline.
         std::exception_ptr unavailable;
         for (;;) {
+            report_connection();
             expire_due();
             try {
                 sendTimeout.limitTo(timeLeft());
@@ -135,6 +139,44 @@ Client::FlushResult Client::flush(std::chrono::milliseconds deadline,
     const auto unacknowledged = static_cast<std::size_t>(_unacknowledged.load() - reportedBefore);
     return FlushResult{queued == 0 && awaiting == 0 && unacknowledged == 0, queued, awaiting,
                        unacknowledged};
+}
+
+void Client::onConnectionChange(std::function<void(ConnectionState)> callback) {
+    _on_connection_change = std::move(callback);
+    _on_connection_change_replaced = true;
+    if (!_on_connection_change) {
+        return;
+    }
+    if (!_monitor) {
+        _monitor = std::make_unique<detail::ConnectionMonitor>(_listener, _dispenser);
+        _selector.watchSocket(&_monitor->listenerEvents(), [this](wxblt::Socket*) {
+            _monitor->readListenerEvent();
+            report_connection();
+        });
+        _selector.watchSocket(&_monitor->dispenserEvents(), [this](wxblt::Socket*) {
+            _monitor->readDispenserEvent();
+            report_connection();
+        });
+        if (_wakeup) {
+            _wakeup->addToPoll(_monitor->listenerEvents().descriptor());
+            _wakeup->addToPoll(_monitor->dispenserEvents().descriptor());
+        }
+    }
+    // A new callback has heard nothing yet: a connection that is up is
+    // reported to it on the next pass.
+    _monitor->setReported(ConnectionState::Disconnected);
+}
+
+void Client::report_connection() {
+    if (!_on_connection_change || !_monitor) {
+        return;
+    }
+    const ConnectionState state = _monitor->state();
+    if (state == _monitor->reported()) {
+        return;
+    }
+    _monitor->setReported(state);
+    detail::callReplaceable(_on_connection_change, _on_connection_change_replaced, state);
 }
 
 void Client::onUnacknowledged(std::function<void(const std::string& msgId)> callback) {
@@ -213,8 +255,17 @@ void Client::take_expired(std::chrono::steady_clock::time_point now) {
     _watched->takeExpired(now, queued, written);
     if (!queued.empty()) {
         const std::unordered_set<std::string> expired(queued.begin(), queued.end());
-        _msg_queue.removeIf(
-            [&expired](const Message& message) { return expired.count(message.msgId()) > 0; });
+        std::size_t bytes = 0;
+        const std::size_t removed = _msg_queue.removeIf([&expired, &bytes](const Message& message) {
+            if (expired.count(message.msgId()) == 0) {
+                return false;
+            }
+            bytes += message.payload().size();
+            return true;
+        });
+        if (_room) {
+            _room->giveBack(removed, bytes);
+        }
         for (const std::string& id : queued) {
             _result_callbacks.forget(id);
         }

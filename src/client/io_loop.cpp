@@ -51,12 +51,13 @@ void Client::obtainRegistry(std::function<void(std::shared_ptr<Registry>)> callb
 
 void Client::blockThreadForIO(std::function<void(orviku::Exception&)> errorHandler,
                               std::chrono::milliseconds timeout) {
-    const detail::IoLoopEntry entry(_io_running, "While trying to run the I/O loop");
+    const detail::IoLoopEntry entry(_io_running, _io_thread, "While trying to run the I/O loop");
     forget_termination();
     try {
         std::unique_lock<std::mutex> guard(_term_data.termLock());
         while (!stop_requested()) {
             guard.unlock();
+            report_connection();
             expire_due();
             send_all_msgs();
             read_until_quiet(timeout);
@@ -123,7 +124,7 @@ bool Client::stop_requested() {
 }
 
 bool Client::check(std::chrono::milliseconds timeout) {
-    const detail::IoLoopEntry entry(_io_running, "While trying to check for input");
+    const detail::IoLoopEntry entry(_io_running, _io_thread, "While trying to check for input");
     return poll_once(timeout);
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include <orvikm/errors.hpp>
@@ -19,18 +20,26 @@ inline const std::string loop_running =
 // costs the hot path no lock.
 class IoLoopEntry {
 public:
-    IoLoopEntry(std::atomic<bool>& running, const char* context) : _running(running) {
+    // `thread` names the I/O thread while the loop runs.
+    IoLoopEntry(std::atomic<bool>& running, std::atomic<std::thread::id>& thread,
+                const char* context)
+        : _running(running), _thread(thread) {
         if (_running.exchange(true, std::memory_order_acquire)) {
             Exception refusal(loop_running);
             refusal.throwWithContext(context);
         }
+        _thread.store(std::this_thread::get_id(), std::memory_order_relaxed);
     }
     IoLoopEntry(const IoLoopEntry&) = delete;
     IoLoopEntry& operator=(const IoLoopEntry&) = delete;
-    ~IoLoopEntry() { _running.store(false, std::memory_order_release); }
+    ~IoLoopEntry() {
+        _thread.store(std::thread::id(), std::memory_order_relaxed);
+        _running.store(false, std::memory_order_release);
+    }
 
 private:
     std::atomic<bool>& _running;
+    std::atomic<std::thread::id>& _thread;
 };
 
 // Calls the callback held in `slot` so that the callback may replace or clear

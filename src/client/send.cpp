@@ -6,7 +6,10 @@
 
 #include <wxblt/exception.hpp>
 
+#include <orvikm/errors.hpp>
+
 #include "limits.hpp"
+#include "queue_room.hpp"
 #include "wakeup.hpp"
 #include "watch_table.hpp"
 
@@ -25,6 +28,24 @@ void Client::send(Message message, std::function<void()> onAck) {
     // The node refuses what does not fit its frames without a word back: the
     // application hears of it here or never.
     detail::check_sendable(message);
+    if (_room) {
+        const std::size_t bytes = message.payload().size();
+        take_room(bytes);
+        try {
+            enqueue(message, std::move(onAck));
+        } catch (...) {
+            _room->giveBack(bytes);
+            throw;
+        }
+    } else {
+        enqueue(message, std::move(onAck));
+    }
+    if (_wake_enabled.load(std::memory_order_acquire)) {
+        _wakeup->signal();
+    }
+}
+
+void Client::enqueue(Message& message, std::function<void()> onAck) {
     if (!_watching.load(std::memory_order_relaxed)) {
         // Registered first: an acknowledgement can never outrun its callback.
         _result_callbacks.registerCallback(message, std::move(onAck));
@@ -37,9 +58,24 @@ void Client::send(Message message, std::function<void()> onAck) {
         watch_queued(id, message, hasCallback);
         _msg_queue.push(message);
     }
-    if (_wake_enabled.load(std::memory_order_acquire)) {
-        _wakeup->signal();
+}
+
+void Client::take_room(std::size_t bytes) {
+    const bool ioThread = _io_thread.load(std::memory_order_relaxed) == std::this_thread::get_id();
+    const detail::QueueRoom::Full full = _room->take(
+        bytes, ioThread ? std::chrono::milliseconds(0) : _options.queueFullWait, _terminations);
+    if (full == detail::QueueRoom::Full::No) {
+        return;
     }
+    ++_refused;
+    if (full == detail::QueueRoom::Full::Messages) {
+        throw Exception("The outgoing queue is full: it holds the " +
+                        std::to_string(_room->maxMessages()) +
+                        " messages that Options::maxQueued allows");
+    }
+    throw Exception("The outgoing queue is full: a message of " + std::to_string(bytes) +
+                    " payload bytes would take it beyond the " + std::to_string(_room->maxBytes()) +
+                    " bytes that Options::maxQueuedBytes allows");
 }
 
 void Client::send(char* buffer, unsigned int size, std::string payloadType,
@@ -56,7 +92,8 @@ void Client::send(Payload payload, std::list<std::string> routes, std::chrono::s
 }
 
 bool Client::send_one_msg() {
-    return _msg_queue.performOperation([this](const Message& message) {
+    std::size_t bytes = 0;
+    const bool written = _msg_queue.performOperation([this, &bytes](const Message& message) {
         const bool watching = _watching.load(std::memory_order_relaxed);
         // Fetched during the write, used just after.
         const detail::WatchId id(watching ? message.msgIdView() : std::string_view());
@@ -80,8 +117,15 @@ bool Client::send_one_msg() {
                 note_written();
             }
         }
+        bytes = message.payload().size();
         return true;
     });
+    // Outside the queue's lock: a sender waiting for room takes the queue's
+    // lock next.
+    if (written && _room) {
+        _room->giveBack(bytes);
+    }
+    return written;
 }
 
 void Client::send_all_msgs() {

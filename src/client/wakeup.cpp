@@ -60,6 +60,18 @@ void Wakeup::drain() noexcept {
     std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
+void Wakeup::addToPoll(int socket) {
+    if (_epoll < 0) {
+        return;
+    }
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = socket;
+    if (::epoll_ctl(_epoll, EPOLL_CTL_ADD, socket, &event) != 0) {
+        throwSystemError("Could not watch a socket of the client in its event handle (epoll_ctl)");
+    }
+}
+
 int Wakeup::pollDescriptor(const int* sockets, int count) {
     if (_epoll >= 0) {
         return _epoll;

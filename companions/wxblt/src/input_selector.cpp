@@ -23,6 +23,10 @@ InputSelector::InputSelector(std::vector<std::pair<Socket*, Handler>> entries,
 
 InputSelector::~InputSelector() = default;
 
+void InputSelector::watchSocket(Socket* socket, Handler handler) {
+    _entries.emplace_back(socket, std::move(handler));
+}
+
 void InputSelector::watchDescriptor(int descriptor, std::function<void()> handler) {
     _descriptors.emplace_back(descriptor, std::move(handler));
 }

@@ -106,6 +106,29 @@ void Socket::connect(std::string endpoint) {
     }
 }
 
+void Socket::monitor(const std::string& endpoint, int events) {
+    detail::throwIfShutDown();
+    if (zmq_socket_monitor(_handle, endpoint.c_str(), events) != 0) {
+        detail::throwLastError();
+    }
+}
+
+void Socket::stopMonitor() noexcept {
+    if (_handle != nullptr) {
+        zmq_socket_monitor(_handle, nullptr, 0);
+    }
+}
+
+bool Socket::canSend() const {
+    detail::throwIfShutDown();
+    int events = 0;
+    size_t size = sizeof events;
+    if (zmq_getsockopt(_handle, ZMQ_EVENTS, &events, &size) != 0) {
+        detail::throwLastError();
+    }
+    return (events & ZMQ_POLLOUT) != 0;
+}
+
 void Socket::bind(const std::string& endpoint) {
     detail::throwIfShutDown();
     if (zmq_bind(_handle, endpoint.c_str()) != 0) {

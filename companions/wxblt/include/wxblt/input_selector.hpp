@@ -32,6 +32,9 @@ public:
     /// made the descriptor readable, or every later run finds it so again. The
     /// descriptor is not owned; it must stay open while it is watched.
     void watchDescriptor(int descriptor, std::function<void()> handler);
+    /// Watches one more socket, after those given at construction, as they
+    /// are watched.
+    void watchSocket(Socket* socket, Handler handler);
 
     /// Waits at most `timeout` for input on any socket; a negative timeout
     /// counts as zero (it looks for input without waiting), so that a loop of

@@ -53,6 +53,18 @@ public:
     void subscribe(std::string topic);
     /// Connects to an endpoint such as "tcp://localhost:5555".
     void connect(std::string endpoint);
+    /// Reports this socket's connection events (ZeroMQ's ZMQ_EVENT_* bits in
+    /// `events`) to a pair socket that connects to `endpoint` ("inproc://..."),
+    /// each as a two-frame message: the event number (16 bits) and value (32
+    /// bits) in the host's byte order, then the peer's address.
+    void monitor(const std::string& endpoint, int events);
+    /// Stops the reports that monitor() started. Call it before the pair
+    /// socket that reads them is closed: with no reader, ZeroMQ's next report
+    /// would wait for one for ever.
+    void stopMonitor() noexcept;
+    /// True when a message could be sent without waiting; for a dealer with
+    /// immediate sending (as this layer sets it), whether a connection is up.
+    bool canSend() const;
     /// Binds to an endpoint such as "tcp://127.0.0.1:0" (port 0: a free one).
     void bind(const std::string& endpoint);
     /// The endpoint actually bound last, with the port the system chose for a
