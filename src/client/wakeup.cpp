@@ -35,14 +35,11 @@ Wakeup::~Wakeup() {
 }
 
 void Wakeup::signal() noexcept {
-    // The caller queued its work just before. Either the loop's drain() comes
-    // after this look at the flag, and the loop takes the work, or the flag
-    // is seen clear and the eventfd written: the fences on both sides keep
-    // the look from moving ahead of the queueing. The plain load keeps a
-    // burst's senders off the cache line's exclusive state.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (_signalled.load(std::memory_order_relaxed) ||
-        _signalled.exchange(true, std::memory_order_acq_rel)) {
+    // The caller queued its work just before. Both sides exchange the flag:
+    // either this exchange comes after the loop's in drain(), and the eventfd
+    // is written, or it comes before, and the loop's exchange reads what this
+    // one wrote and so sees the work queued before it.
+    if (_signalled.exchange(true, std::memory_order_acq_rel)) {
         return;
     }
     const std::uint64_t one = 1;
@@ -56,8 +53,7 @@ void Wakeup::drain() noexcept {
     // still set and did not write, and its work is taken by the caller next.
     std::uint64_t count = 0;
     [[maybe_unused]] const ssize_t got = ::read(_event, &count, sizeof count);
-    _signalled.store(false, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    _signalled.exchange(false, std::memory_order_acq_rel);
 }
 
 void Wakeup::addToPoll(int socket) {
