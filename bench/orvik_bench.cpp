@@ -608,7 +608,7 @@ Options parseOptions(int argc, char** argv) {
                 "  --wake         only the tables of how a message sent by the application\n"
                 "                 reaches the I/O loop (wakeOnSend, the application's own\n"
                 "                 event loop), through orvik-devnode; --seconds and\n"
-                "                 --repetitions apply to them (default 0.3 s, 5 runs)\n"
+                "                 --repetitions apply to them (default 0.3 s, 7 runs)\n"
                 "  --seconds      aimed duration of one throughput run (default 0.5)\n"
                 "  --repetitions  throughput runs a side; the best is reported (default 7)\n"
                 "  --sizes        payload sizes in bytes (default 0,100,10240,1048576)\n"

@@ -18,6 +18,7 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,23 +64,34 @@ struct Flight {
     // acknowledgement callback ran: the writing steps of the loop that
     // acknowledgements came between, at most as many as its passes.
     std::uint64_t writes_between_acknowledgements = 0;
+    // Context switches per message, of this process and of the node's.
+    double switches = 0;
+    double node_switches = 0;
 
     double rate() const { return seconds > 0 ? static_cast<double>(messages) / seconds : 0; }
 };
 
-// CPU time, in seconds, of this process and of the node's.
+// CPU time, in seconds, and context switches (of every thread, voluntary or
+// not) of this process and of the node's.
 struct CpuTime {
     double process = 0;
     double node = 0;
+    double switches = 0;
+    double node_switches = 0;
 };
 
 CpuTime cpuNow(const DevNodeProcess& node) {
-    return {processCpuSeconds(), node.processCpuSeconds()};
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return {processCpuSeconds(), node.processCpuSeconds(),
+            static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw),
+            static_cast<double>(node.contextSwitches())};
 }
 
 CpuTime cpuSince(const CpuTime& start, const DevNodeProcess& node) {
     const CpuTime now = cpuNow(node);
-    return {now.process - start.process, now.node - start.node};
+    return {now.process - start.process, now.node - start.node, now.switches - start.switches,
+            now.node_switches - start.node_switches};
 }
 
 // The application's side of a run: when each message was sent and when its
@@ -132,6 +144,8 @@ public:
         flight.cpu_microseconds = 1e6 * cpu.process / static_cast<double>(size());
         flight.node_cpu_microseconds = 1e6 * cpu.node / static_cast<double>(size());
         flight.writes_between_acknowledgements = _writes;
+        flight.switches = cpu.switches / static_cast<double>(size());
+        flight.node_switches = cpu.node_switches / static_cast<double>(size());
         flight.microseconds.reserve(size());
         for (std::uint64_t i = 0; i < size(); ++i) {
             flight.microseconds.push_back(
@@ -583,10 +597,11 @@ bool runWakeProfile(const std::string& kind, const DevNodeProcess& devnode, std:
     const Flight flight = runner(count);
     std::printf(
         "%s %s: %.0f msg/s, p50 %.1f us, p99 %.1f us, CPU %.2f us a message, node CPU %.2f, "
+        "context switches %.3f a message, node %.3f, "
         "%.1f messages a write between acknowledgements\n",
         kind.c_str(), sizeText(size).c_str(), flight.rate(), percentile(flight.microseconds, 0.5),
         percentile(flight.microseconds, 0.99), flight.cpu_microseconds,
-        flight.node_cpu_microseconds,
+        flight.node_cpu_microseconds, flight.switches, flight.node_switches,
         static_cast<double>(flight.messages) / static_cast<double>(std::max<std::uint64_t>(
                                                    flight.writes_between_acknowledgements, 1)));
     return true;

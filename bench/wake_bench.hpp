@@ -19,11 +19,11 @@ struct WakeBenchOptions {
     double seconds = 0.3;
     // Runs a side; the best rate of each side is reported, and the round
     // trips of every run go into the percentiles.
-    int repetitions = 5;
+    int repetitions = 7;
     std::size_t size = 100;
 };
 
-// Measures and prints the tables (about 20 s with the defaults).
+// Measures and prints the tables (about 30 s with the defaults).
 void printWakeTables(const DevNodeProcess& devnode, Watchdog& watchdog,
                      const WakeBenchOptions& options);
 
