@@ -23,7 +23,7 @@ struct WakeBenchOptions {
     std::size_t size = 100;
 };
 
-// Measures and prints the tables (about 30 s with the defaults).
+// Measures and prints the tables (about 25 s with the defaults).
 void printWakeTables(const DevNodeProcess& devnode, Watchdog& watchdog,
                      const WakeBenchOptions& options);
 
