@@ -98,7 +98,8 @@ CpuTime cpuSince(const CpuTime& start, const DevNodeProcess& node) {
 // acknowledgement callback ran, and the window a sending thread waits on.
 class Ledger {
 public:
-    explicit Ledger(std::uint64_t count) : _sent(count), _acknowledged(count) {}
+    Ledger(orvikm::Client& client, std::uint64_t count)
+        : _client(client), _sent(count), _acknowledged(count) {}
     Ledger(const Ledger&) = delete;
     Ledger& operator=(const Ledger&) = delete;
 
@@ -107,10 +108,9 @@ public:
     bool complete() const { return acknowledged() == size(); }
 
     // Queues message i.
-    void send(orvikm::Client& client, std::vector<char>& body, std::uint64_t i) {
-        _client = &client;
+    void send(std::vector<char>& body, std::uint64_t i) {
         _sent[i] = Clock::now();
-        client.send(
+        _client.send(
             sharedPayload(body), {std::string(bench_topic)},
             std::chrono::seconds(bench_valid_for_seconds), [this, i] { acknowledge(i); },
             orvikm::Message::AckMode::ByNode);
@@ -128,10 +128,10 @@ public:
 
     // Sends every message from the calling thread, at most `window` of them
     // unacknowledged, and returns once the last is acknowledged.
-    void sendAll(orvikm::Client& client, std::vector<char>& body, std::uint64_t window) {
+    void sendAll(std::vector<char>& body, std::uint64_t window) {
         for (std::uint64_t i = 0; i < size(); ++i) {
             waitForRoom(i, window);
-            send(client, body, i);
+            send(body, i);
         }
         waitForRoom(size(), 1);
     }
@@ -159,7 +159,7 @@ private:
         const Clock::time_point now = Clock::now();
         _acknowledged[i] = now;
         // The I/O thread's own counter: read without a lock, a few loads.
-        const std::uint64_t written = _client->stats().written;
+        const std::uint64_t written = _client.stats().written;
         if (written != _written) {
             _written = written;
             ++_writes;
@@ -174,7 +174,7 @@ private:
         _room.notify_one();
     }
 
-    orvikm::Client* _client = nullptr;
+    orvikm::Client& _client;
     std::vector<Clock::time_point> _sent;
     std::vector<Clock::time_point> _acknowledged;
     // Used by the I/O thread alone.
@@ -198,12 +198,12 @@ Flight fromApplicationThread(const DevNodeProcess& node, std::uint64_t count, st
                              std::uint64_t window, bool wake) {
     const std::unique_ptr<orvikm::Client> client = newClient(node, false, wakingOptions(wake));
     std::vector<char> body(size, 'x');
-    Ledger warm(warm_up_messages);
-    Ledger measured(count);
+    Ledger warm(*client, warm_up_messages);
+    Ledger measured(*client, count);
     std::thread loop([&] { client->blockThreadForIO(failOnError, loop_timeout); });
-    warm.sendAll(*client, body, 1);
+    warm.sendAll(body, 1);
     const CpuTime start = cpuNow(node);
-    measured.sendAll(*client, body, window);
+    measured.sendAll(body, window);
     const CpuTime used = cpuSince(start, node);
     client->terminate();
     loop.join();
@@ -220,14 +220,14 @@ Flight fromIoThread(const DevNodeProcess& node, std::uint64_t count, std::size_t
     std::vector<char> body(size, 'x');
     const auto roundTrips = [&](Ledger& ledger) {
         for (std::uint64_t i = 0; i < ledger.size(); ++i) {
-            ledger.send(*client, body, i);
+            ledger.send(body, i);
             if (!client->flush(flush_limit, failOnError).complete) {
                 fail("I/O thread round trip: no acknowledgement");
             }
         }
     };
-    Ledger warm(warm_up_messages);
-    Ledger measured(count);
+    Ledger warm(*client, warm_up_messages);
+    Ledger measured(*client, count);
     roundTrips(warm);
     const CpuTime start = cpuNow(node);
     roundTrips(measured);
@@ -254,13 +254,13 @@ Flight eventLoopFromWorker(const DevNodeProcess& node, std::uint64_t count, std:
     // Made before anything is sent, so that every send() signals it.
     client->eventHandle();
     std::vector<char> body(size, 'x');
-    Ledger warm(warm_up_messages);
-    Ledger measured(count);
+    Ledger warm(*client, warm_up_messages);
+    Ledger measured(*client, count);
     CpuTime used;
     std::thread worker([&] {
-        warm.sendAll(*client, body, 1);
+        warm.sendAll(body, 1);
         const CpuTime start = cpuNow(node);
-        measured.sendAll(*client, body, window);
+        measured.sendAll(body, window);
         used = cpuSince(start, node);
     });
     pollLoop(*client, [&] { return measured.complete(); });
@@ -276,12 +276,12 @@ Flight eventLoopSameThread(const DevNodeProcess& node, std::uint64_t count, std:
     std::vector<char> body(size, 'x');
     const auto roundTrips = [&](Ledger& ledger) {
         for (std::uint64_t i = 0; i < ledger.size(); ++i) {
-            ledger.send(*client, body, i);
+            ledger.send(body, i);
             pollLoop(*client, [&ledger, i] { return ledger.acknowledged() > i; });
         }
     };
-    Ledger warm(warm_up_messages);
-    Ledger measured(count);
+    Ledger warm(*client, warm_up_messages);
+    Ledger measured(*client, count);
     roundTrips(warm);
     const CpuTime start = cpuNow(node);
     roundTrips(measured);
