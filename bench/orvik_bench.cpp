@@ -14,19 +14,16 @@
 //     the measuring thread, counted).
 // and prints one table: row, library, raw, ratio, target.
 
-#include <sys/resource.h>
 #include <zmq.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <limits>
 #include <list>
@@ -40,30 +37,46 @@
 
 #include <orvikm/orvikm.hpp>
 
+#include "harness.hpp"
 #include "support/alloc_counter.hpp"
 #include "support/bench_node.hpp"
 #include "support/devnode_process.hpp"
 #include "support/raw_wire.hpp"
+#include "wake_bench.hpp"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using orvikbench::BenchNode;
+using orvikbench::Clock;
 using orvikbench::DevNodeProcess;
+using orvikbench::fail;
+using orvikbench::failOnError;
+using orvikbench::loadAverage;
+using orvikbench::loop_timeout;
+using orvikbench::newClient;
+using orvikbench::percentile;
+using orvikbench::printTable;
+using orvikbench::processCpuSeconds;
 using orvikbench::PublishFlow;
 using orvikbench::RawFrames;
+using orvikbench::Row;
+using orvikbench::secondsBetween;
+using orvikbench::sharedPayload;
+using orvikbench::sizeText;
 using orvikbench::threadAllocations;
+using orvikbench::threadCpuSeconds;
+using orvikbench::Watchdog;
 
-// The I/O loop's quiet time. Throughput is timed up to the last callback, so
-// it does not count there; between two latency samples both sides idle this
-// long.
-constexpr std::chrono::milliseconds loop_timeout{1};
 // Messages in flight at most in a paced send.
 constexpr std::uint64_t paced_window = 256;
 
 struct Options {
     double seconds = 0.5;  // aimed duration of one throughput run
     int repetitions = 7;   // throughput runs a side, the best is reported
+    // Given on the command line: the wake tables, which have shorter
+    // defaults of their own, follow them too.
+    bool secondsGiven = false;
+    bool repetitionsGiven = false;
     std::vector<std::size_t> sizes{0, 100, 10 * 1024, 1024 * 1024};
     // For profiling: "send", "receive" or "latency" runs only the library's
     // side of that measurement, `count` messages a size, and prints no table;
@@ -81,6 +94,8 @@ struct Options {
     // Pairs of send runs with and without onUnacknowledged for --watch-cost;
     // 0: the usual table.
     int watchCostPairs = 0;
+    // Only the tables of how a sent message reaches the loop (wake_bench.hpp).
+    bool wakeOnly = false;
 };
 
 struct Run {
@@ -96,104 +111,9 @@ struct Run {
     double rate() const { return seconds > 0 ? static_cast<double>(messages) / seconds : 0; }
 };
 
-[[noreturn]] void fail(const std::string& what) {
-    std::fprintf(stderr, "orvik-bench: %s\n", what.c_str());
-    std::_Exit(1);
-}
-
-void failOnError(orviku::Exception& error) {
-    fail(error.describe());
-}
-
-// User and system time of the whole process so far.
-double processCpuSeconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
-    };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
-std::string loadAverage() {
-    std::FILE* file = std::fopen("/proc/loadavg", "r");
-    char text[64] = "unknown";
-    if (file != nullptr) {
-        if (std::fscanf(file, "%63[^ ] %*s %*s", text) != 1) {
-            std::snprintf(text, sizeof text, "unknown");
-        }
-        std::fclose(file);
-    }
-    return text;
-}
-
-double secondsBetween(Clock::time_point from, Clock::time_point to) {
-    return std::chrono::duration<double>(to - from).count();
-}
-
-std::string sizeText(std::size_t size) {
-    if (size >= 1024 * 1024 && size % (1024 * 1024) == 0) {
-        return std::to_string(size / (1024 * 1024)) + " MiB";
-    }
-    if (size >= 1024 && size % 1024 == 0) {
-        return std::to_string(size / 1024) + " KiB";
-    }
-    return std::to_string(size) + " B";
-}
-
 std::string localhost(int port) {
     return "tcp://localhost:" + std::to_string(port);
 }
-
-// The minimal node of this process or an orvik-devnode child: both offer
-// their two ports.
-template <typename Node>
-std::unique_ptr<orvikm::Client> newClient(const Node& node, bool subscribe,
-                                          orvikm::Client::Options options = {}) {
-    std::vector<std::string> topics;
-    if (subscribe) {
-        topics.emplace_back(orvikbench::bench_topic);
-    }
-    return std::make_unique<orvikm::Client>(std::string(orvikbench::bench_app_id),
-                                            node.listenerPort(), node.dispenserPort(),
-                                            std::move(topics), options);
-}
-
-// A payload over the benchmark's one body buffer, which it does not own: the
-// measured cost is the library's, not that of filling a buffer per message.
-orvikm::Payload sharedPayload(std::vector<char>& body) {
-    return orvikm::Payload(body.data(), static_cast<unsigned>(body.size()),
-                           std::string(orvikbench::bench_payload_type), nullptr);
-}
-
-// Ends the program when one measurement takes far longer than it should:
-// `make bench` must never hang on a lost message. The deadline lives outside
-// the object: the watching thread is never joined and outlives main().
-std::atomic<std::int64_t> watchdog_deadline_s{0};
-
-class Watchdog {
-public:
-    Watchdog() {
-        std::thread([] {
-            for (;;) {
-                std::this_thread::sleep_for(std::chrono::seconds(1));
-                const std::int64_t deadline = watchdog_deadline_s.load();
-                if (deadline != 0 && secondsNow() > deadline) {
-                    fail("a measurement did not finish within two minutes");
-                }
-            }
-        }).detach();
-    }
-
-    // Gives the next measurement two minutes.
-    void arm() { watchdog_deadline_s.store(secondsNow() + 120); }
-
-private:
-    static std::int64_t secondsNow() {
-        return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch())
-            .count();
-    }
-};
 
 // ---- raw libzmq sockets ---------------------------------------------------
 
@@ -247,12 +167,6 @@ bool isAck(const RawFrames& frames) {
 }
 
 // ---- send throughput ------------------------------------------------------
-
-double threadCpuSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
 
 // Sends `count` messages on `client` and runs its loop until every one is
 // acknowledged.
@@ -652,55 +566,16 @@ Run withNodeCpu(const Node& node, Measurement measurement) {
     return run;
 }
 
-double percentile(std::vector<double> values, double fraction) {
-    if (values.empty()) {
-        return 0;
-    }
-    std::sort(values.begin(), values.end());
-    const auto rank = static_cast<std::size_t>(std::ceil(fraction * values.size()));
-    return values[std::clamp<std::size_t>(rank, 1, values.size()) - 1];
-}
-
-struct Row {
-    std::string name;
-    double library;
-    double raw;
-    // Negative: no ratio.
-    double ratio;
-    // Empty: no target. ">=" or "<=" with the bound: the ratio's target.
-    std::string comparison = "";
-    double bound = 0;
-};
-
-void printTable(const std::vector<Row>& rows, const char* left = "library",
-                const char* right = "raw") {
-    std::printf("%-34s %14s %14s %8s   %s\n", "row", left, right, "ratio", "target");
-    for (const Row& row : rows) {
-        char ratio[16] = "-";
-        char target[32] = "-";
-        if (row.ratio >= 0) {
-            std::snprintf(ratio, sizeof ratio, "%.2f", row.ratio);
-            if (!row.comparison.empty()) {
-                const bool met =
-                    row.comparison == ">=" ? row.ratio >= row.bound : row.ratio <= row.bound;
-                std::snprintf(target, sizeof target, "%s %.2f %s", row.comparison.c_str(),
-                              row.bound, met ? "met" : "MISSED");
-            }
-        }
-        const char* format = row.library >= 1000 ? "%-34s %14.0f %14.0f %8s   %s\n"
-                                                 : "%-34s %14.2f %14.2f %8s   %s\n";
-        std::printf(format, row.name.c_str(), row.library, row.raw, ratio, target);
-    }
-}
-
 Options parseOptions(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         if (argument == "--seconds" && i + 1 < argc) {
             options.seconds = std::atof(argv[++i]);
+            options.secondsGiven = true;
         } else if (argument == "--repetitions" && i + 1 < argc) {
             options.repetitions = std::max(1, std::atoi(argv[++i]));
+            options.repetitionsGiven = true;
         } else if (argument == "--sizes" && i + 1 < argc) {
             options.sizes.clear();
             for (const char* text = argv[++i]; *text != 0;) {
@@ -711,6 +586,8 @@ Options parseOptions(int argc, char** argv) {
                     fail("--sizes takes numbers separated by commas");
                 }
             }
+        } else if (argument == "--wake") {
+            options.wakeOnly = true;
         } else if (argument == "--watch-cost" && i + 1 < argc) {
             options.watchCostPairs = std::max(1, std::atoi(argv[++i]));
         } else if (argument == "--profile" && i + 1 < argc) {
@@ -725,8 +602,13 @@ Options parseOptions(int argc, char** argv) {
             std::printf(
                 "usage: orvik-bench [--seconds S] [--repetitions N] [--sizes B,B,...]\n"
                 "       orvik-bench --profile KIND [--count N] [--sizes ...]\n"
+                "       orvik-bench --wake [--seconds S] [--repetitions N]\n"
                 "  --devnode      the orvik-devnode program for the rows through it (\"\": none)\n"
                 "  --burst        messages of the write-batch burst (default 100000)\n"
+                "  --wake         only the tables of how a message sent by the application\n"
+                "                 reaches the I/O loop (wakeOnSend, the application's own\n"
+                "                 event loop), through orvik-devnode; --seconds and\n"
+                "                 --repetitions apply to them (default 0.3 s, 7 runs)\n"
                 "  --seconds      aimed duration of one throughput run (default 0.5)\n"
                 "  --repetitions  throughput runs a side; the best is reported (default 7)\n"
                 "  --sizes        payload sizes in bytes (default 0,100,10240,1048576)\n"
@@ -738,12 +620,28 @@ Options parseOptions(int argc, char** argv) {
                 "                 devnode-send (through orvik-devnode), node-send (the\n"
                 "                 same against the minimal node), raw-send,\n"
                 "                 raw-receive, raw-latency;\n"
+                "                 through orvik-devnode, how a message sent by the\n"
+                "                 application reaches the loop: one, one-woken,\n"
+                "                 one-io-thread, one-poll, one-poll-same-thread (one in\n"
+                "                 flight), wide, wide-woken, wide-poll (1000 in flight),\n"
+                "                 burst, burst-woken (no window);\n"
                 "                 N messages\n"
                 "                 (default 20000) a size, no table\n");
             std::exit(argument == "--help" ? 0 : 2);
         }
     }
     return options;
+}
+
+orvikbench::WakeBenchOptions wakeOptions(const Options& options) {
+    orvikbench::WakeBenchOptions wake;
+    if (options.secondsGiven) {
+        wake.seconds = options.seconds;
+    }
+    if (options.repetitionsGiven) {
+        wake.repetitions = options.repetitions;
+    }
+    return wake;
 }
 
 // Messages for a run of about `seconds` at `rate`, at most `most`.
@@ -931,15 +829,30 @@ int main(int argc, char** argv) {
                             sizeText(size).c_str(), percentile(microseconds, 0.5),
                             percentile(microseconds, 0.99));
                 continue;
+            } else if (!options.devnode.empty() &&
+                       orvikbench::runWakeProfile(options.profile, DevNodeProcess(options.devnode),
+                                                  options.count, size)) {
+                continue;
             } else {
                 fail(
                     "--profile takes send, send-watched, devnode-send, node-send, receive, "
-                    "latency, raw-send, "
-                    "raw-receive or raw-latency");
+                    "latency, raw-send, raw-receive, raw-latency, or one of the kinds of the "
+                    "wake tables (see --help)");
             }
             std::printf("%s %s: %.0f msg/s, %.1f allocations a message\n", options.profile.c_str(),
                         sizeText(size).c_str(), run.rate(), run.allocations_per_message);
         }
+        zmq_ctx_term(context);
+        return 0;
+    }
+
+    if (options.wakeOnly) {
+        if (options.devnode.empty()) {
+            fail("--wake needs orvik-devnode (--devnode PATH)");
+        }
+        const DevNodeProcess devnode(options.devnode);
+        orvikbench::printWakeTables(devnode, watchdog, wakeOptions(options));
+        std::printf("\nload average (1 min): %s\n", loadAverage().c_str());
         zmq_ctx_term(context);
         return 0;
     }
@@ -1116,6 +1029,9 @@ int main(int argc, char** argv) {
             std::printf("%-22s %14.0f %16.2f %14.2f %16.2f\n", name.c_str(), percentile(rate, 0.5),
                         percentile(gap, 0.5), percentile(first, 0.5), percentile(nodeCpu, 0.5));
         }
+        std::fflush(stdout);
+
+        orvikbench::printWakeTables(devnode, watchdog, wakeOptions(options));
     }
     std::printf("\nload average (1 min): %s before, %s after\n", loadBefore.c_str(),
                 loadAverage().c_str());

@@ -1,5 +1,6 @@
 #include "devnode_process.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -113,6 +114,31 @@ double DevNodeProcess::cpuSeconds() const {
 
 double DevNodeProcess::processCpuSeconds() const {
     return cpuSecondsOf("/proc/" + std::to_string(_pid) + "/stat");
+}
+
+unsigned long long DevNodeProcess::contextSwitches() const {
+    unsigned long long switches = 0;
+    const std::string tasks = "/proc/" + std::to_string(_pid) + "/task";
+    DIR* directory = opendir(tasks.c_str());
+    if (directory == nullptr) {
+        return 0;
+    }
+    while (const dirent* entry = readdir(directory)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        std::ifstream status(tasks + "/" + entry->d_name + "/status");
+        std::string line;
+        while (std::getline(status, line)) {
+            unsigned long long count = 0;
+            if (std::sscanf(line.c_str(), "voluntary_ctxt_switches: %llu", &count) == 1 ||
+                std::sscanf(line.c_str(), "nonvoluntary_ctxt_switches: %llu", &count) == 1) {
+                switches += count;
+            }
+        }
+    }
+    closedir(directory);
+    return switches;
 }
 
 }  // namespace orvikbench

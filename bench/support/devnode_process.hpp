@@ -24,6 +24,8 @@ public:
     double cpuSeconds() const;
     // The same for the whole process, libzmq's I/O thread included.
     double processCpuSeconds() const;
+    // Context switches (voluntary and not) of all the node's threads so far.
+    unsigned long long contextSwitches() const;
 
 private:
     int _pid = -1;

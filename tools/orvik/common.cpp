@@ -163,6 +163,11 @@ std::unique_ptr<orvikm::Client> makeClient(const Common& common,
                   << common.listenerPort << ", dispenser port " << common.dispenserPort
                   << std::endl;
     }
+    // A message queued by another thread, and the terminate() of a deadline
+    // or Ctrl-C, end the loop's reading step at once instead of waiting for
+    // the sockets to be quiet: one message in flight costs a round trip, not
+    // the loop's timeout.
+    options.wakeOnSend = true;
     return std::make_unique<orvikm::Client>(common.appId, common.listenerPort, common.dispenserPort,
                                             std::move(subscriptions), options);
 }

@@ -87,7 +87,8 @@ bool writeOutput(const std::string& text);
 // writeOutput fail.
 std::string outputFailure();
 
-// The client every subcommand uses, with the common options applied.
+// The client every subcommand uses, with the common options applied and
+// Options::wakeOnSend set.
 std::unique_ptr<orvikm::Client> makeClient(const Common& common,
                                            std::vector<std::string> subscriptions,
                                            orvikm::Client::Options options = {});
