@@ -72,6 +72,19 @@ protected:
     }
 
     devnodetest::DevNodeProcess& node() { return *_node; }
+
+    // Kills the node; a new one starts on the same ports at restartNode().
+    void killNode() {
+        _listener_port = _node->listenerPort();
+        _dispenser_port = _node->dispenserPort();
+        _node->sendSignal(SIGKILL);
+        ASSERT_TRUE(_node->waitForExit(kStartLimit));
+    }
+    void restartNode(std::vector<std::string> extra = {"--verbose"}) {
+        extra.insert(extra.end(), {"--listener-port", std::to_string(_listener_port),
+                                   "--dispenser-port", std::to_string(_dispenser_port)});
+        startNode(extra);
+    }
     std::string listenerPort() const { return std::to_string(_node->listenerPort()); }
     std::string dispenserPort() const { return std::to_string(_node->dispenserPort()); }
 
@@ -109,6 +122,8 @@ protected:
 
 private:
     std::unique_ptr<devnodetest::DevNodeProcess> _node;
+    int _listener_port = 0;
+    int _dispenser_port = 0;
 };
 
 }  // namespace orviktest

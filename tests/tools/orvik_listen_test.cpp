@@ -341,5 +341,24 @@ TEST(OrvikListenAloneTest, AbsentNodeFailsWithinTheDeadline) {
         << listened.error;
 }
 
+// A listener outlives the node: it says when the node goes away and when it
+// is back, and prints what is published after that.
+TEST_F(OrvikListenTest, ANodeThatGoesAwayAndComesBackIsSaidAndListeningGoesOn) {
+    const std::unique_ptr<OrvikCommand> listener = startListening({});
+
+    killNode();
+    ASSERT_TRUE(
+        listener->waitForErrorText("orvik listen: the node went away (listener port ", kEventLimit))
+        << listener->standardError();
+    restartNode();
+    ASSERT_TRUE(listener->waitForErrorText("orvik listen: the node is back", kEventLimit))
+        << listener->standardError();
+    ASSERT_TRUE(probeUntilListening(*listener, kProbeRoute, kEventLimit));
+    const std::string id = send({"after the return"});
+
+    EXPECT_TRUE(listener->waitForLine(id, kEventLimit)) << listener->standardError();
+    interrupt(*listener);
+}
+
 }  // namespace
 }  // namespace orviktest

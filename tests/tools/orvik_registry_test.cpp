@@ -1,9 +1,11 @@
 // orvik registry against orvik-devnode, whose registry is its list of
 // applications or the bytes of a file.
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -28,7 +30,6 @@ protected:
 
     void TearDown() override { std::remove(_path.c_str()); }
 
-private:
     std::string _path;
 };
 
@@ -160,6 +161,33 @@ TEST(OrvikRegistryAloneTest, AbsentNodeFailsWithinTheDeadline) {
     EXPECT_EQ(fetched.status.code, 1);
     EXPECT_EQ(fetched.output, "");
     EXPECT_NE(fetched.error.find("not available"), std::string::npos) << fetched.error;
+}
+
+// A watch outlives the node: it says when the node goes away and when it is
+// back, and goes on fetching.
+TEST_F(OrvikRegistryFileTest, AWatchSaysWhenTheNodeGoesAwayAndComesBackAndGoesOn) {
+    startWithRegistry(kRegistry);
+    OrvikCommand watcher(withPorts({"registry", "--watch", "1", "--timeout", "0"}));
+    ASSERT_TRUE(watcher.waitForLine("applications", kEventLimit));
+
+    killNode();
+    ASSERT_TRUE(
+        watcher.waitForErrorText("orvik registry: the node went away (listener port ", kEventLimit))
+        << watcher.standardError();
+    restartNode({"--verbose", "--registry", _path});
+    ASSERT_TRUE(watcher.waitForErrorText("orvik registry: the node is back", kEventLimit))
+        << watcher.standardError();
+    const std::size_t before = watcher.standardOutput().size();
+
+    const auto end = std::chrono::steady_clock::now() + kEventLimit;
+    while (watcher.standardOutput().size() == before && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_GT(watcher.standardOutput().size(), before);
+    watcher.sendSignal(SIGINT);
+    const std::optional<ExitStatus> status = watcher.waitForExit(kRunLimit);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_EQ(status->code, 0) << watcher.standardError();
 }
 
 }  // namespace

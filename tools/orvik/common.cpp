@@ -11,6 +11,8 @@
 #include <iostream>
 #include <utility>
 
+#include <wxblt/exception.hpp>
+
 namespace orvik {
 
 namespace {
@@ -69,6 +71,27 @@ void installStopHandler() {
 
 bool stopRequested() {
     return signalReceived.load();
+}
+
+NodeWatch::NodeWatch(orvikm::Client& client, const Common& common, std::string command) {
+    const std::string ports = "listener port " + std::to_string(common.listenerPort) +
+                              ", dispenser port " + std::to_string(common.dispenserPort);
+    client.onConnectionChange(
+        [this, ports, command = std::move(command)](orvikm::Client::ConnectionState state) {
+            const bool away = state == orvikm::Client::ConnectionState::Disconnected;
+            // The first Connected is the start, not a return.
+            if (away != _away) {
+                reportFailure(command, away ? "the node went away (" + ports +
+                                                  "); waiting for it to come back"
+                                            : "the node is back");
+            }
+            _away = away;
+        });
+}
+
+bool NodeWatch::whileAway(orviku::Exception& failure) const {
+    const auto* socketError = dynamic_cast<const wxblt::Exception*>(&failure);
+    return _away && socketError != nullptr && socketError->errorNumber() == EAGAIN;
 }
 
 Deadline::Deadline(double seconds)

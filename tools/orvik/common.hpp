@@ -93,6 +93,24 @@ std::unique_ptr<orvikm::Client> makeClient(const Common& common,
                                            std::vector<std::string> subscriptions,
                                            orvikm::Client::Options options = {});
 
+// Says on standard error when the node goes away and when it comes back
+// ("orvik COMMAND: the node went away ..." and "orvik COMMAND: the node is
+// back"), from the client's connection events, so that a long-running
+// subcommand can wait for the node instead of failing.
+class NodeWatch {
+public:
+    NodeWatch(orvikm::Client& client, const Common& common, std::string command);
+    NodeWatch(const NodeWatch&) = delete;
+    NodeWatch& operator=(const NodeWatch&) = delete;
+
+    // Whether `failure` is a write that failed because the node is known to be
+    // away: the loop is then entered again rather than ended.
+    bool whileAway(orviku::Exception& failure) const;
+
+private:
+    bool _away = false;
+};
+
 // Ctrl-C (SIGINT) and SIGTERM for the whole run. main() installs the handler
 // once, before anything else: the first such signal only records that a stop
 // was asked for (and ends the loop a LoopStopper watches), so every step of a

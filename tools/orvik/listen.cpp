@@ -4,7 +4,9 @@
 #include <climits>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -97,6 +99,7 @@ public:
         orvikm::Client::Options options;
         options.maxReadTime = kMaxReadTime;
         std::unique_ptr<orvikm::Client> client = makeClient(common, _topics, options);
+        const NodeWatch nodeWatch(*client, common, "listen");
 
         std::uint64_t received = 0;
         bool outputClosed = false;
@@ -131,23 +134,32 @@ public:
             // from before it, so the reasons to stop are looked at here too.
             for (;;) {
                 std::string dropped;
+                bool away = false;
                 error.clear();
                 try {
                     client->blockThreadForIO(
                         [&](orviku::Exception& failure) {
                             const bool unreadable =
                                 dynamic_cast<orvikm::ProtocolError*>(&failure) != nullptr;
-                            (unreadable ? dropped : error) = oneLine(failure);
+                            away = nodeWatch.whileAway(failure);
+                            if (!away) {
+                                (unreadable ? dropped : error) = oneLine(failure);
+                            }
                         },
                         kLoopTimeout);
                 } catch (const std::exception& failure) {
                     error.clear();
                     dropped = failure.what();
                 }
-                if (dropped.empty()) {
+                if (dropped.empty() && !away) {
                     break;
                 }
-                reportFailure("listen", kDropped + dropped);
+                if (away) {
+                    // The node's return is heard by the next loop.
+                    std::this_thread::sleep_for(kLoopTimeout);
+                } else {
+                    reportFailure("listen", kDropped + dropped);
+                }
                 if (stopper.reason() != LoopStopper::Reason::None ||
                     (counted && received >= _count) || outputClosed) {
                     break;

@@ -4,7 +4,9 @@
 #include <climits>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 #include <orvikm/orvikm.hpp>
@@ -60,6 +62,11 @@ public:
         const bool counted = !watching || _countOption->count() > 0;
         const unsigned long long wanted = watching ? _count : 1;
         std::unique_ptr<orvikm::Client> client = makeClient(common, {});
+        // Only a watch waits for the node to come back; one fetch fails.
+        std::optional<NodeWatch> nodeWatch;
+        if (watching) {
+            nodeWatch.emplace(*client, common, "registry");
+        }
 
         unsigned long long fetched = 0;
         bool outputClosed = false;
@@ -88,11 +95,27 @@ public:
         LoopStopper::Reason stopped = LoopStopper::Reason::None;
         {
             const LoopStopper stopper(*client, deadline);
-            try {
-                client->blockThreadForIO(
-                    [&](orviku::Exception& failure) { error = oneLine(failure); }, kLoopTimeout);
-            } catch (const std::exception& failure) {
-                error = unexpectedError(failure);
+            for (;;) {
+                bool away = false;
+                try {
+                    client->blockThreadForIO(
+                        [&](orviku::Exception& failure) {
+                            away = nodeWatch && nodeWatch->whileAway(failure);
+                            if (!away) {
+                                error = oneLine(failure);
+                            }
+                        },
+                        kLoopTimeout);
+                } catch (const std::exception& failure) {
+                    error = unexpectedError(failure);
+                }
+                // A new loop forgets a terminate() from before it: the reasons
+                // to stop are looked at here too.
+                if (!away || stopper.reason() != LoopStopper::Reason::None ||
+                    (counted && fetched >= wanted) || outputClosed) {
+                    break;
+                }
+                std::this_thread::sleep_for(kLoopTimeout);
             }
             stopped = stopper.reason();
             if (error.empty() && counted && fetched < wanted) {
