@@ -623,8 +623,9 @@ Options parseOptions(int argc, char** argv) {
                 "                 through orvik-devnode, how a message sent by the\n"
                 "                 application reaches the loop: one, one-woken,\n"
                 "                 one-io-thread, one-poll, one-poll-same-thread (one in\n"
-                "                 flight), wide, wide-woken, wide-poll (1000 in flight),\n"
-                "                 burst, burst-woken (no window);\n"
+                "                 flight), wide, wide-woken, wide-poll, wide-bounded (1000\n"
+                "                 in flight), burst, burst-woken, burst-bounded (no window;\n"
+                "                 -bounded: a queue bound and the connection monitor);\n"
                 "                 N messages\n"
                 "                 (default 20000) a size, no table\n");
             std::exit(argument == "--help" ? 0 : 2);

@@ -186,17 +186,27 @@ private:
     std::condition_variable _room;
 };
 
-orvikm::Client::Options wakingOptions(bool wake) {
+// With `bounded`, the queue has bounds it never reaches and the connection
+// monitor runs: what the two cost a send.
+orvikm::Client::Options wakingOptions(bool wake, bool bounded = false) {
     orvikm::Client::Options options;
     options.wakeOnSend = wake;
+    if (bounded) {
+        options.maxQueued = std::numeric_limits<std::size_t>::max() / 2;
+        options.maxQueuedBytes = std::numeric_limits<std::size_t>::max() / 2;
+    }
     return options;
 }
 
 // The application's thread (this one) sends while blockThreadForIO runs on
 // another thread.
 Flight fromApplicationThread(const DevNodeProcess& node, std::uint64_t count, std::size_t size,
-                             std::uint64_t window, bool wake) {
-    const std::unique_ptr<orvikm::Client> client = newClient(node, false, wakingOptions(wake));
+                             std::uint64_t window, bool wake, bool bounded = false) {
+    const std::unique_ptr<orvikm::Client> client =
+        newClient(node, false, wakingOptions(wake, bounded));
+    if (bounded) {
+        client->onConnectionChange([](orvikm::Client::ConnectionState) {});
+    }
     std::vector<char> body(size, 'x');
     Ledger warm(*client, warm_up_messages);
     Ledger measured(*client, count);
@@ -294,9 +304,10 @@ using Runner = std::function<Flight(std::uint64_t)>;
 // The kinds of run by the names --profile takes; an empty runner for an
 // unknown name.
 Runner runnerFor(const std::string& kind, const DevNodeProcess& node, std::size_t size) {
-    const auto applicationThread = [&node, size](std::uint64_t window, bool wake) -> Runner {
-        return [&node, size, window, wake](std::uint64_t count) {
-            return fromApplicationThread(node, count, size, window, wake);
+    const auto applicationThread = [&node, size](std::uint64_t window, bool wake,
+                                                 bool bounded = false) -> Runner {
+        return [&node, size, window, wake, bounded](std::uint64_t count) {
+            return fromApplicationThread(node, count, size, window, wake, bounded);
         };
     };
     if (kind == "one") {
@@ -333,6 +344,12 @@ Runner runnerFor(const std::string& kind, const DevNodeProcess& node, std::size_
     }
     if (kind == "burst-woken") {
         return applicationThread(no_window, true);
+    }
+    if (kind == "burst-bounded") {
+        return applicationThread(no_window, false, true);
+    }
+    if (kind == "wide-bounded") {
+        return applicationThread(wide_window, false, true);
     }
     return nullptr;
 }
@@ -522,15 +539,17 @@ void printWakeTables(const DevNodeProcess& devnode, Watchdog& watchdog,
     const Measured& oneIoThread = one[2];
     const Measured& onePoll = one[3];
     const Measured& onePollSame = one[4];
-    const std::vector<Measured> wide =
-        alternate(watchdog, options, devnode, 5000, {"wide", "wide-woken", "wide-poll"});
+    const std::vector<Measured> wide = alternate(
+        watchdog, options, devnode, 5000, {"wide", "wide-woken", "wide-poll", "wide-bounded"});
     const Measured& wideWithout = wide[0];
     const Measured& wideWoken = wide[1];
     const Measured& widePoll = wide[2];
+    const Measured& wideBounded = wide[3];
     const std::vector<Measured> burst =
-        alternate(watchdog, options, devnode, 5000, {"burst", "burst-woken"});
+        alternate(watchdog, options, devnode, 5000, {"burst", "burst-woken", "burst-bounded"});
     const Measured& burstWithout = burst[0];
     const Measured& burstWoken = burst[1];
+    const Measured& burstBounded = burst[2];
 
     const std::string thousand = std::to_string(wide_window) + " in flight";
     std::printf("\nThe application's thread sends, the loop runs on another: wakeOnSend or not:\n");
@@ -585,6 +604,16 @@ void printWakeTables(const DevNodeProcess& devnode, Watchdog& watchdog,
                 p50Row(thousand + ", worker", widePoll, wideWoken),
                 cpuRow(thousand + ", worker", widePoll, wideWoken)},
                "poll loop", "I/O loop");
+
+    std::printf(
+        "\nA bounded queue (Options::maxQueued and maxQueuedBytes, never reached) and the\n"
+        "connection monitor (onConnectionChange) against neither, without wakeOnSend (a few\n"
+        "percent at most: rate >= 0.95):\n");
+    printTable({rateRow("burst, no window", burstBounded, burstWithout, ">=", 0.95),
+                cpuRow("burst, no window", burstBounded, burstWithout),
+                rateRow(thousand, wideBounded, wideWithout, ">=", 0.95),
+                cpuRow(thousand, wideBounded, wideWithout)},
+               "bounded", "unbounded");
     std::fflush(stdout);
 }
 
