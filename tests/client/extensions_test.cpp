@@ -101,6 +101,33 @@ std::future<void> acknowledgeEach(TestNode& node, int count) {
     });
 }
 
+// A flush of one message by a client whose node is not there: how long it
+// took, what it left, and the error numbers its handler received.
+struct AbsentNodeFlush {
+    std::chrono::steady_clock::duration took;
+    Client::FlushResult result;
+    std::vector<int> errorNumbers;
+};
+
+AbsentNodeFlush flushWithTheNodeAbsent(std::chrono::milliseconds sendTimeout,
+                                       std::chrono::milliseconds deadline) {
+    testsupport::ReservedPort listener;
+    testsupport::ReservedPort dispenser;
+    Client::Options options;
+    options.sendTimeout = sendTimeout;
+    Client client(kAppId, listener.port(), dispenser.port(), {}, options);
+    std::atomic<int> acknowledged{0};
+    sendCounted(client, acknowledged);
+    AbsentNodeFlush flushed{};
+    const auto start = Steady::now();
+    flushed.result = client.flush(deadline, [&flushed](orviku::Exception& error) {
+        auto* socketError = dynamic_cast<wxblt::Exception*>(&error);
+        flushed.errorNumbers.push_back(socketError ? socketError->errorNumber() : 0);
+    });
+    flushed.took = Steady::now() - start;
+    return flushed;
+}
+
 // Report callbacks run on the I/O thread; the test reads what they recorded.
 class Reports {
 public:
@@ -267,26 +294,12 @@ TEST(ClientFlushTest, FlushCountsOnlyTheReportsMadeDuringIt) {
 // A write waits for an absent node at most until the flush's deadline, not
 // for the whole send timeout.
 TEST(ClientFlushTest, FlushWithTheNodeAbsentReturnsWithinItsDeadline) {
-    testsupport::ReservedPort listener;
-    testsupport::ReservedPort dispenser;
-    Client::Options options;
-    options.sendTimeout = 5s;
-    Client client(kAppId, listener.port(), dispenser.port(), {}, options);
-    std::atomic<int> acknowledged{0};
-    sendCounted(client, acknowledged);
-    std::vector<int> errorNumbers;
-    const auto start = Steady::now();
+    const AbsentNodeFlush flushed = flushWithTheNodeAbsent(5s, 100ms);
 
-    const Client::FlushResult result = client.flush(100ms, [&](orviku::Exception& error) {
-        auto* socketError = dynamic_cast<wxblt::Exception*>(&error);
-        errorNumbers.push_back(socketError ? socketError->errorNumber() : 0);
-    });
-
-    const auto took = Steady::now() - start;
-    EXPECT_LT(took, 400ms);
-    EXPECT_FALSE(result.complete);
-    EXPECT_EQ(result.queued, 1u);
-    EXPECT_EQ(errorNumbers, std::vector<int>{11});
+    EXPECT_LT(flushed.took, 400ms);
+    EXPECT_FALSE(flushed.result.complete);
+    EXPECT_EQ(flushed.result.queued, 1u);
+    EXPECT_EQ(flushed.errorNumbers, std::vector<int>{11});
 }
 
 // The send timeout a flush shortens for its last writes is the client's own
@@ -852,27 +865,13 @@ TEST(ClientOptionsTest, WithNoSendTimeoutAFlushRightAfterConstructionCompletes) 
 }
 
 TEST(ClientOptionsTest, WithNoSendTimeoutAFlushReportsAnAbsentNodeAtItsDeadline) {
-    testsupport::ReservedPort listener;
-    testsupport::ReservedPort dispenser;
-    Client::Options options;
-    options.sendTimeout = 0ms;
-    Client client(kAppId, listener.port(), dispenser.port(), {}, options);
-    std::atomic<int> acknowledged{0};
-    sendCounted(client, acknowledged);
-    std::vector<int> errorNumbers;
-    const auto start = Steady::now();
+    const AbsentNodeFlush flushed = flushWithTheNodeAbsent(0ms, 300ms);
 
-    const Client::FlushResult result = client.flush(300ms, [&](orviku::Exception& error) {
-        auto* socketError = dynamic_cast<wxblt::Exception*>(&error);
-        errorNumbers.push_back(socketError ? socketError->errorNumber() : 0);
-    });
-
-    const auto took = Steady::now() - start;
-    EXPECT_GE(took, 250ms);
-    EXPECT_LT(took, 1s);
-    EXPECT_FALSE(result.complete);
-    EXPECT_EQ(result.queued, 1u);
-    EXPECT_EQ(errorNumbers, std::vector<int>{11});
+    EXPECT_GE(flushed.took, 250ms);
+    EXPECT_LT(flushed.took, 1s);
+    EXPECT_FALSE(flushed.result.complete);
+    EXPECT_EQ(flushed.result.queued, 1u);
+    EXPECT_EQ(flushed.errorNumbers, std::vector<int>{11});
 }
 
 TEST(ClientOptionsTest, NegativeOptionsAreRefused) {
