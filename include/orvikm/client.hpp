@@ -443,6 +443,10 @@ private:
     void handle_request(std::unique_ptr<internal_objects::Request> request);
     // One run of the selector, as check() without its guard.
     bool poll_once(std::chrono::milliseconds timeout);
+    // As poll_once; with wakeOnSend, a sender wakes the wait, and with a
+    // message already queued it only reads what has arrived (true, with the
+    // wake mark set).
+    bool poll_for_input(std::chrono::milliseconds timeout);
     // Reads until the sockets are quiet for `timeout`, or for at most
     // Options::maxReadTime when that is set.
     void read_until_quiet(std::chrono::milliseconds timeout);

@@ -37,6 +37,7 @@ int Client::eventHandle() {
         sockets[count++] = _monitor->dispenserEvents().descriptor();
     }
     const int handle = _wakeup->pollDescriptor(sockets, count);
+    _wakeup->signalEverySend();
     if (!_wake_enabled.exchange(true, std::memory_order_acq_rel)) {
         // The first pass is due at once: the inbox check, and whatever was
         // queued before the handle existed.

@@ -124,7 +124,7 @@ Client::FlushResult Client::flush(std::chrono::milliseconds deadline,
             }
             // Input is read as it comes; the completion test follows each
             // batch of it.
-            if (poll_once(std::min(left, flush_poll_limit))) {
+            if (poll_for_input(std::min(left, flush_poll_limit))) {
                 const Steady::time_point readEnd = Steady::now() + flush_poll_limit;
                 while (!done() && Steady::now() < readEnd &&
                        poll_once(std::chrono::milliseconds(0))) {

@@ -12,6 +12,7 @@
 
 #include "intervals.hpp"
 #include "loop_support.hpp"
+#include "wakeup.hpp"
 #include "watch_table.hpp"
 
 namespace orvikm {
@@ -97,7 +98,7 @@ void Client::report_loop_error(const std::function<void(orviku::Exception&)>& er
 
 void Client::read_until_quiet(std::chrono::milliseconds timeout) {
     if (_options.maxReadTime.count() <= 0) {
-        while (poll_once(timeout) && !take_wake()) {
+        while (poll_for_input(timeout) && !take_wake()) {
         }
         return;
     }
@@ -105,7 +106,7 @@ void Client::read_until_quiet(std::chrono::milliseconds timeout) {
     const Clock::time_point end = detail::steadyAfter(Clock::now(), _options.maxReadTime);
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        if (left.count() <= 0 || !poll_once(std::min(timeout, left)) || take_wake()) {
+        if (left.count() <= 0 || !poll_for_input(std::min(timeout, left)) || take_wake()) {
             return;
         }
     }
@@ -126,6 +127,25 @@ bool Client::stop_requested() {
 bool Client::check(std::chrono::milliseconds timeout) {
     const detail::IoLoopEntry entry(_io_running, _io_thread, "While trying to check for input");
     return poll_once(timeout);
+}
+
+bool Client::poll_for_input(std::chrono::milliseconds timeout) {
+    if (!_options.wakeOnSend || timeout.count() <= 0) {
+        return poll_once(timeout);
+    }
+    _wakeup->beginWait();
+    // Queued before the wait began, so its sender did not signal: what has
+    // arrived is read without waiting, and the step ends as if woken, so that
+    // the pass writes it.
+    if (_msg_queue.size() > 0) {
+        _wakeup->endWait();
+        poll_once(std::chrono::milliseconds(0));
+        _woken = true;
+        return true;
+    }
+    const bool input = poll_once(timeout);
+    _wakeup->endWait();
+    return input;
 }
 
 bool Client::poll_once(std::chrono::milliseconds timeout) {

@@ -41,7 +41,7 @@ void Client::send(Message message, std::function<void()> onAck) {
         enqueue(message, std::move(onAck));
     }
     if (_wake_enabled.load(std::memory_order_acquire)) {
-        _wakeup->signal();
+        _wakeup->signalSend();
     }
 }
 

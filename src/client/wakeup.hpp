@@ -9,8 +9,9 @@ namespace orvikm::detail {
 // eventfd and the two sockets' ZeroMQ descriptors, for the application's own
 // event loop to wait on.
 //
-// A sender writes to the eventfd only when it is the first since the loop
-// last drained it, so a burst costs one system call, not one per message.
+// A sender writes to the eventfd only while the loop waits for input (or, once
+// the application's own loop watches the handle, whenever it is the first
+// since the last drain), so a burst costs no system call per message.
 class Wakeup {
 public:
     // Throws orvikm::Exception, with the system's reason, when the eventfd
@@ -28,6 +29,25 @@ public:
     void drain() noexcept;
     int eventDescriptor() const noexcept { return _event; }
 
+    // The loop is about to wait for input: from here until endWait(), send()
+    // signals. The caller looks at its queue after this call and does not
+    // wait when something is there: a sender that came before did not signal.
+    void beginWait() noexcept { _waiting.exchange(1, std::memory_order_acq_rel); }
+    void endWait() noexcept { _waiting.store(0, std::memory_order_release); }
+    // send()'s side, after it queued: signals a waiting loop, or any time once
+    // signalEverySend() was called. Either the loop's beginWait() comes after
+    // this read of the flag, and the loop then sees what was queued, or this
+    // read sees the loop waiting: both are read-modify-writes of one flag.
+    void signalSend() noexcept {
+        if (_every_send.load(std::memory_order_acquire) ||
+            _waiting.fetch_add(0, std::memory_order_acq_rel) != 0) {
+            signal();
+        }
+    }
+    // For an application whose own loop waits on the handle, outside the
+    // client.
+    void signalEverySend() noexcept { _every_send.store(true, std::memory_order_release); }
+
     // The epoll descriptor over the eventfd and `sockets` (ZeroMQ's
     // descriptors), made at the first call; later calls return it as it is.
     int pollDescriptor(const int* sockets, int count);
@@ -39,6 +59,8 @@ private:
     int _event;
     int _epoll = -1;
     std::atomic<bool> _signalled{false};
+    std::atomic<int> _waiting{0};
+    std::atomic<bool> _every_send{false};
     static_assert(std::atomic<bool>::is_always_lock_free);
 };
 
