@@ -71,18 +71,19 @@ py::bytes bytesOf(const orvikm::Payload& payload) {
     return py::bytes(payload.getBuffer() != nullptr ? payload.getBuffer() : "", payload.size());
 }
 
-// Runs Python's handlers for the signals the watch passed on since `handled`;
-// raises what a handler raised (KeyboardInterrupt on Ctrl-C). True when there
-// were such signals: the loop returned for them and is to go on.
-bool signalsHandled(SignalWatch& watch, std::uint64_t& handled) {
+// Runs Python's handlers for the signals the watch has seen; raises what a
+// handler raised (KeyboardInterrupt on Ctrl-C). True when the watch ended a
+// loop since `calls` (which it updates): the loop is to go on.
+bool signalsHandled(SignalWatch& watch, std::uint64_t& calls) {
     const std::uint64_t seen = watch.signals();
+    const std::uint64_t called = watch.calls();
     if (PyErr_CheckSignals() != 0) {
         throw py::error_already_set();
     }
     watch.handled(seen);
-    const bool signalled = seen != handled;
-    handled = seen;
-    return signalled;
+    const bool woken = called != calls;
+    calls = called;
+    return woken;
 }
 
 }  // namespace
@@ -281,7 +282,7 @@ void PyClient::run(double timeout, const py::object& onError) {
     const ErrorHandler handler = errorHandler(onError);
     beginLoop();
     SignalWatch watch([this] { _client->terminate(); });
-    std::uint64_t handled = 0;
+    std::uint64_t calls = 0;
     for (;;) {
         std::exception_ptr passedOn;
         {
@@ -297,7 +298,7 @@ void PyClient::run(double timeout, const py::object& onError) {
         if (passedOn) {
             std::rethrow_exception(passedOn);
         }
-        if (!signalsHandled(watch, handled) || _loop_error || _terminate_requested) {
+        if (!signalsHandled(watch, calls) || _loop_error || _terminate_requested) {
             return;
         }
     }
@@ -310,7 +311,7 @@ orvikm::Client::FlushResult PyClient::flush(double deadline, const py::object& o
     const ErrorHandler handler = errorHandler(onError);
     beginLoop();
     SignalWatch watch([this] { _client->terminate(); });
-    std::uint64_t handled = 0;
+    std::uint64_t calls = 0;
     std::size_t unacknowledged = 0;
     for (;;) {
         const Milliseconds left =
@@ -332,7 +333,7 @@ orvikm::Client::FlushResult PyClient::flush(double deadline, const py::object& o
         if (passedOn) {
             std::rethrow_exception(passedOn);
         }
-        const bool signalled = signalsHandled(watch, handled);
+        const bool signalled = signalsHandled(watch, calls);
         unacknowledged += result.unacknowledged;
         result.unacknowledged = unacknowledged;
         result.complete = result.complete && unacknowledged == 0;

@@ -78,8 +78,10 @@ void SignalWatch::watch() {
         pollfd readable{_read_end, POLLIN, 0};
         const bool unhandled = signals() != _handled.load(std::memory_order_acquire);
         const int ready = poll(&readable, 1, unhandled ? repeat_after_ms : -1);
-        if (ready == 0 && unhandled) {
-            _on_signal();
+        if (ready == 0) {
+            if (signals() != _handled.load(std::memory_order_acquire)) {
+                call();
+            }
             continue;
         }
         if (ready < 0) {
@@ -106,12 +108,17 @@ void SignalWatch::watch() {
         }
         if (signalled) {
             _signals.fetch_add(1, std::memory_order_acq_rel);
-            _on_signal();
+            call();
         }
         if (stop) {
             return;
         }
     }
+}
+
+void SignalWatch::call() {
+    _calls.fetch_add(1, std::memory_order_acq_rel);
+    _on_signal();
 }
 
 }  // namespace orvikm_python

@@ -23,9 +23,12 @@ public:
     SignalWatch(const SignalWatch&) = delete;
     SignalWatch& operator=(const SignalWatch&) = delete;
 
-    /// How many times the watch has called onSignal so far (counted before
-    /// each call).
+    /// How many signals the watch has seen so far.
     std::uint64_t signals() const { return _signals.load(std::memory_order_acquire); }
+    /// How many times the watch has called onSignal so far (counted before
+    /// each call): a loop that returned while this changed may have returned
+    /// for the watch alone.
+    std::uint64_t calls() const { return _calls.load(std::memory_order_acquire); }
     /// Tells the watch that Python's handlers have run for the first `count`
     /// signals. Until they have, the watch calls onSignal again every 50 ms:
     /// a loop entered just after a signal forgets the terminate() it caused.
@@ -33,6 +36,7 @@ public:
 
 private:
     void watch();
+    void call();
 
     std::function<void()> _on_signal;
     bool _active{false};
@@ -41,6 +45,7 @@ private:
     int _previous{-1};
     std::atomic<std::uint64_t> _signals{0};
     std::atomic<std::uint64_t> _handled{0};
+    std::atomic<std::uint64_t> _calls{0};
     std::thread _thread;
 };
 

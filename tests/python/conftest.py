@@ -70,6 +70,23 @@ def node():
     started.stop()
 
 
+# Routes a message must not have more of, on `refusing_node`.
+REFUSING_MAX_ROUTES = 1
+
+
+@pytest.fixture
+def refusing_node():
+    """A node that neither acknowledges nor publishes a message with more than
+    one route: one sent with two keeps flush waiting for its acknowledgement."""
+    started = start_node("--max-routes", str(REFUSING_MAX_ROUTES))
+    yield started
+    started.stop()
+
+
+def send_never_acknowledged(client):
+    client.send(b"refused", ["first", "second"], 10, lambda: None)
+
+
 @pytest.fixture(autouse=True)
 def bounded_test():
     faulthandler.dump_traceback_later(TEST_LIMIT_SECONDS, exit=True, file=sys.stderr)
