@@ -173,6 +173,8 @@ std::string PyClient::send(const py::buffer& data, std::list<std::string> routes
 }
 
 void PyClient::sendAck(const orvikm::Message& message) {
+    // The write may wait for the node up to sendTimeout.
+    const py::gil_scoped_release release;
     _client->sendAck(message);
 }
 

@@ -10,6 +10,7 @@ NOT_AVAILABLE = "Orvik Node is not available"
 SEND_ALL = "While trying to send all queued messages"
 QUEUE_FULL = "The outgoing queue is full"
 EAGAIN = 11
+ALREADY_RUNNING = "The I/O loop is already running"
 
 
 @pytest.fixture
@@ -104,3 +105,17 @@ def test_a_run_timeout_out_of_range_raises_value_error_naming_it():
 
     with pytest.raises(ValueError, match="timeout"):
         client.run(timeout=-0.1)
+
+
+def test_run_from_inside_a_callback_is_refused_and_ends_the_running_loop(node):
+    client = node.client("py-nested-run")
+
+    def on_ack():
+        client.run()
+
+    client.send(b"x", ["t"], 10, on_ack)
+
+    with pytest.raises(orvikm.Error) as raised:
+        run_for_at_most(client, 5)
+
+    assert str(raised.value).startswith(ALREADY_RUNNING)
