@@ -109,8 +109,16 @@ PyClient::PyClient(const std::string& appId, long long listenerPort, long long d
 template <typename... Args>
 void PyClient::call(const SharedObject& callback, bool endPass, Args&&... args) {
     const py::gil_scoped_acquire gil;
-    // A reference of its own: the callback may replace itself while it runs.
-    const py::object function = py::reinterpret_borrow<py::object>(callback.get());
+    call(py::reinterpret_borrow<py::object>(callback.get()), endPass, std::forward<Args>(args)...);
+}
+
+template <typename... Args>
+void PyClient::call(py::object function, bool endPass, Args&&... args) {
+    // `function` is a reference of its own: the callback may replace itself
+    // while it runs. A callback cleared by the garbage collector is not called.
+    if (!function || function.is_none()) {
+        return;
+    }
     try {
         function(std::forward<Args>(args)...);
     } catch (py::error_already_set& raised) {
@@ -179,47 +187,67 @@ void PyClient::sendAck(const orvikm::Message& message) {
 }
 
 void PyClient::onMessage(const py::object& callback) {
+    _callbacks[MessageSlot] = callback;
     if (callback.is_none()) {
         _client->onMessage(nullptr);
         return;
     }
-    _client->onMessage([this, held = share(callback)](std::unique_ptr<orvikm::Message> message) {
-        call(held, true, std::move(message));
+    _client->onMessage([this](std::unique_ptr<orvikm::Message> message) {
+        const py::gil_scoped_acquire gil;
+        call(_callbacks[MessageSlot], true, py::cast(std::move(message)));
     });
 }
 
 void PyClient::obtainRegistry(const py::object& callback, long long interval) {
     requireAtLeastZero(interval, "interval");
+    _callbacks[RegistrySlot] = callback;
     if (callback.is_none()) {
         _client->obtainRegistry(nullptr, std::chrono::seconds(interval));
         return;
     }
     _client->obtainRegistry(
-        [this, held = share(callback)](std::shared_ptr<orvikm::Registry> registry) {
+        [this](std::shared_ptr<orvikm::Registry> registry) {
             const py::gil_scoped_acquire gil;
-            call(held, true, bytesOf(registry->payload()));
+            call(_callbacks[RegistrySlot], true, bytesOf(registry->payload()));
         },
         std::chrono::seconds(interval));
 }
 
 void PyClient::onUnacknowledged(const py::object& callback) {
+    _callbacks[UnacknowledgedSlot] = callback;
     if (callback.is_none()) {
         _client->onUnacknowledged(nullptr);
         return;
     }
-    _client->onUnacknowledged(
-        [this, held = share(callback)](const std::string& msgId) { call(held, true, msgId); });
+    _client->onUnacknowledged([this](const std::string& msgId) {
+        const py::gil_scoped_acquire gil;
+        call(_callbacks[UnacknowledgedSlot], true, msgId);
+    });
 }
 
 void PyClient::onConnectionChange(const py::object& callback) {
+    _callbacks[ConnectionSlot] = callback;
     if (callback.is_none()) {
         _client->onConnectionChange(nullptr);
         return;
     }
-    _client->onConnectionChange(
-        [this, held = share(callback)](orvikm::Client::ConnectionState state) {
-            call(held, true, state);
-        });
+    _client->onConnectionChange([this](orvikm::Client::ConnectionState state) {
+        const py::gil_scoped_acquire gil;
+        call(_callbacks[ConnectionSlot], true, state);
+    });
+}
+
+int PyClient::traverse(visitproc visit, void* arg) {
+    for (const py::object& callback : _callbacks) {
+        Py_VISIT(callback.ptr());
+    }
+    return 0;
+}
+
+void PyClient::clear() {
+    for (py::object& callback : _callbacks) {
+        callback = py::object();
+    }
 }
 
 PyClient::ErrorHandler PyClient::errorHandler(const py::object& onError) {

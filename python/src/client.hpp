@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -63,6 +64,12 @@ public:
     void beginLoop();
     bool terminateRequested() const { return _terminate_requested.load(); }
 
+    /// The garbage collector's view of the callbacks set on the client: a
+    /// callback that refers to the client (to call terminate(), say) makes a
+    /// cycle it can then break. Both with the GIL held.
+    int traverse(visitproc visit, void* arg);
+    void clear();
+
 private:
     using ErrorHandler = std::function<void(orviku::Exception&)>;
 
@@ -74,8 +81,18 @@ private:
     // once.
     template <typename... Args>
     void call(const SharedObject& callback, bool endPass, Args&&... args);
+    // As above, for a callback the caller has fetched with the GIL held.
+    template <typename... Args>
+    void call(py::object function, bool endPass, Args&&... args);
     // Raises what a callback or the error handler kept, if anything.
     void raiseKept();
+
+    // The callbacks set through onMessage, obtainRegistry, onUnacknowledged
+    // and onConnectionChange, held here rather than by the library's
+    // std::function, so that the garbage collector sees them (guarded by the
+    // GIL). The library's callbacks look them up at each call.
+    enum Slot { MessageSlot, RegistrySlot, UnacknowledgedSlot, ConnectionSlot, SlotCount };
+    std::array<py::object, SlotCount> _callbacks;
 
     std::unique_ptr<orvikm::Client> _client;
     bool _waits_for_room;

@@ -59,6 +59,15 @@ std::string fieldsRepr(const char* name, const Struct& value,
     return text + ")";
 }
 
+// The client behind a Python object, or null while it is not constructed yet.
+PyClient* clientOf(PyObject* self) {
+    try {
+        return py::handle(self).cast<PyClient*>();
+    } catch (const py::cast_error&) {
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_orvikm, module) {
@@ -125,7 +134,22 @@ PYBIND11_MODULE(_orvikm, module) {
                               {"complete", "queued", "awaiting_ack", "unacknowledged"});
         });
 
-    py::class_<PyClient>(module, "Client", "The application's connection to the local node.")
+    py::class_<PyClient>(module, "Client", "The application's connection to the local node.",
+                         py::custom_type_setup([](PyHeapTypeObject* heapType) {
+                             PyTypeObject* type = &heapType->ht_type;
+                             type->tp_flags |= Py_TPFLAGS_HAVE_GC;
+                             type->tp_traverse = [](PyObject* self, visitproc visit, void* arg) {
+                                 Py_VISIT(Py_TYPE(self));
+                                 PyClient* client = clientOf(self);
+                                 return client != nullptr ? client->traverse(visit, arg) : 0;
+                             };
+                             type->tp_clear = [](PyObject* self) {
+                                 if (PyClient* client = clientOf(self)) {
+                                     client->clear();
+                                 }
+                                 return 0;
+                             };
+                         }))
         .def(py::init([](const std::string& appId, long long listenerPort, long long dispenserPort,
                          std::vector<std::string> subscriptions, double maxReadTime,
                          long long receiveLimit, double sendTimeout, long long maxWriteBatch,

@@ -1,7 +1,9 @@
 """Sending: queueing, the node's acknowledgement, and what the client counts."""
 
+import gc
 import threading
 import uuid
+import weakref
 
 import orvikm
 from conftest import run_for_at_most
@@ -73,3 +75,33 @@ def test_send_from_another_thread_is_written_by_the_running_loop(node):
 
 def test_app_id_is_the_one_given():
     assert orvikm.Client("py-app-id", 1, 2).app_id == "py-app-id"
+
+
+def test_a_client_whose_callbacks_refer_to_it_is_collected(node):
+    client = node.client("py-collected")
+    client.on_message(lambda message: client.terminate())
+    client.on_connection_change(lambda state: client.terminate())
+    client.on_unacknowledged(lambda msg_id: client.terminate())
+    client.obtain_registry(lambda registry: client.terminate(), 60)
+    collected = weakref.ref(client)
+
+    del client
+    gc.collect()
+
+    assert collected() is None
+
+
+def test_a_callback_survives_a_collection_while_the_client_lives(node):
+    client = node.client("py-kept")
+    acknowledged = []
+
+    def on_registry(registry):
+        acknowledged.append(registry)
+        client.terminate()
+
+    client.obtain_registry(on_registry, 60)
+    del on_registry
+    gc.collect()
+    run_for_at_most(client, 5)
+
+    assert len(acknowledged) == 1
