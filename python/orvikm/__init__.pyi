@@ -1,6 +1,5 @@
 import asyncio
-import enum
-from typing import Callable, Optional, Sequence, Tuple, Union
+from typing import Callable, ClassVar, Optional, Sequence, Tuple, Union
 
 _Buffer = Union[bytes, bytearray, memoryview]
 _ErrorHandler = Optional[Callable[["Error"], None]]
@@ -15,14 +14,26 @@ class SocketError(Error):
 
 class QueueFullError(Error): ...
 
-class AckMode(enum.IntEnum):
-    UNACKNOWLEDGED: int
-    BY_NODE: int
-    BY_RECEIVERS: int
+class AckMode:
+    UNACKNOWLEDGED: ClassVar[AckMode]
+    BY_NODE: ClassVar[AckMode]
+    BY_RECEIVERS: ClassVar[AckMode]
+    def __init__(self, value: int) -> None: ...
+    def __int__(self) -> int: ...
+    @property
+    def name(self) -> str: ...
+    @property
+    def value(self) -> int: ...
 
-class ConnectionState(enum.IntEnum):
-    CONNECTED: int
-    DISCONNECTED: int
+class ConnectionState:
+    CONNECTED: ClassVar[ConnectionState]
+    DISCONNECTED: ClassVar[ConnectionState]
+    def __init__(self, value: int) -> None: ...
+    def __int__(self) -> int: ...
+    @property
+    def name(self) -> str: ...
+    @property
+    def value(self) -> int: ...
 
 class Message:
     @property

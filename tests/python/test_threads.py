@@ -3,7 +3,7 @@
 import threading
 import time
 
-from conftest import run_for_at_most, send_never_acknowledged
+from conftest import Running, run_for_at_most, send_never_acknowledged, wait_for
 
 COUNTING_SECONDS = 0.3
 # A thread that had the GIL only between passes would count a few hundred at
@@ -65,3 +65,15 @@ def test_callbacks_run_on_the_thread_inside_run(node):
     runner.join(10)
 
     assert threads == [runner.ident]
+
+
+def test_a_send_that_waits_for_room_lets_the_running_loop_make_it(node):
+    # The loop's acknowledgement callbacks need the GIL: a send that kept it
+    # while waiting would wait in vain.
+    client = node.client("py-room", max_queued=1, queue_full_wait=5.0)
+    with Running(client):
+        for _ in range(20):
+            client.send(b"x", ["t"], 10, lambda: None)
+        assert wait_for(lambda: client.stats().written == 20)
+
+    assert client.stats().refused == 0
