@@ -86,6 +86,30 @@ bool signalsHandled(SignalWatch& watch, std::uint64_t& calls) {
     return woken;
 }
 
+// The library's refusal of a second loop, given before the binding touches
+// the running loop's state.
+const char* const loop_running =
+    "The I/O loop is already running (on another thread, or this call comes from inside one of "
+    "its callbacks)";
+
+// Marks a loop of the binding as running for its lifetime, or refuses to.
+// Guarded by the GIL.
+class LoopGuard {
+public:
+    explicit LoopGuard(bool& active) : _active(active) {
+        if (_active) {
+            throw orvikm::Exception(loop_running);
+        }
+        _active = true;
+    }
+    LoopGuard(const LoopGuard&) = delete;
+    LoopGuard& operator=(const LoopGuard&) = delete;
+    ~LoopGuard() { _active = false; }
+
+private:
+    bool& _active;
+};
+
 }  // namespace
 
 PyClient::PyClient(const std::string& appId, long long listenerPort, long long dispenserPort,
@@ -310,6 +334,7 @@ void PyClient::run(double timeout, const py::object& onError) {
                               describe(timeout));
     }
     const ErrorHandler handler = errorHandler(onError);
+    const LoopGuard guard(_loop_active);
     beginLoop();
     SignalWatch watch([this] { _client->terminate(); });
     std::uint64_t calls = 0;
@@ -339,6 +364,7 @@ orvikm::Client::FlushResult PyClient::flush(double deadline, const py::object& o
     const bool unbounded = limit == Milliseconds::max();
     const Steady::time_point end = unbounded ? Steady::time_point::max() : Steady::now() + limit;
     const ErrorHandler handler = errorHandler(onError);
+    const LoopGuard guard(_loop_active);
     beginLoop();
     SignalWatch watch([this] { _client->terminate(); });
     std::uint64_t calls = 0;
@@ -376,6 +402,7 @@ orvikm::Client::FlushResult PyClient::flush(double deadline, const py::object& o
 
 double PyClient::processEvents(const py::object& onError) {
     const ErrorHandler handler = errorHandler(onError);
+    const LoopGuard guard(_loop_active);
     _loop_error = false;
     Milliseconds wait{0};
     std::exception_ptr passedOn;

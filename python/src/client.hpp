@@ -101,6 +101,9 @@ private:
     std::optional<py::error_already_set> _callback_error;
     py::object _library_error;
     bool _loop_error{false};
+    // Set while run, flush or processEvents runs: a second one is refused
+    // before it can touch the state above.
+    bool _loop_active{false};
 };
 
 }  // namespace orvikm_python

@@ -4,7 +4,7 @@ context; refused arguments as ValueError."""
 import pytest
 
 import orvikm
-from conftest import run_for_at_most
+from conftest import Running, run_for_at_most, wait_for
 
 NOT_AVAILABLE = "Orvik Node is not available"
 SEND_ALL = "While trying to send all queued messages"
@@ -117,5 +117,21 @@ def test_run_from_inside_a_callback_is_refused_and_ends_the_running_loop(node):
 
     with pytest.raises(orvikm.Error) as raised:
         run_for_at_most(client, 5)
+
+    assert str(raised.value).startswith(ALREADY_RUNNING)
+
+
+def test_run_while_another_thread_runs_the_loop_is_refused_and_the_loop_goes_on(node):
+    client = node.client("py-second-run")
+    acknowledged = []
+
+    with Running(client):
+        # Once an acknowledgement has run, the other thread is inside run.
+        client.send(b"first", ["t"], 10, lambda: acknowledged.append("first"))
+        assert wait_for(lambda: acknowledged == ["first"])
+        with pytest.raises(orvikm.Error) as raised:
+            run_for_at_most(client, 5)
+        client.send(b"second", ["t"], 10, lambda: acknowledged.append("second"))
+        assert wait_for(lambda: acknowledged == ["first", "second"])
 
     assert str(raised.value).startswith(ALREADY_RUNNING)
