@@ -14,6 +14,7 @@ packages=(
     doxygen
     dpkg-dev file
     libcli11-dev nlohmann-json3-dev
+    python3-dev pybind11-dev python3-pytest python3-pytest-asyncio
     "$@"
 )
 
