@@ -67,9 +67,11 @@ public:
     ~AsioDriver() { detach(); }
 
     /// Stops the watching: the pending waits are cancelled, and their
-    /// handlers, when the context runs them, do nothing. The client's
-    /// descriptor stays open (the client owns it), so another driver or loop
-    /// may take the client over. A second call does nothing.
+    /// handlers, when the context runs them, do nothing. From a callback, the
+    /// pass in progress goes on dispatching what has already arrived, and no
+    /// pass follows. The client's descriptor stays open (the client owns it),
+    /// so another driver or loop may take the client over. A second call does
+    /// nothing.
     void detach() {
         if (!_state) {
             return;
