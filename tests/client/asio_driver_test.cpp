@@ -18,6 +18,7 @@
 #include <asio/error.hpp>
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
+#include <asio/system_error.hpp>
 
 #include <orvikm/errors.hpp>
 #include <orvikm/message.hpp>
@@ -363,6 +364,24 @@ TEST(AsioDriverTest, BlockThreadForIOFromInsideACallbackOfAPassIsRefused) {
     EXPECT_EQ(answering.get(), 1);
     ASSERT_TRUE(refused);
     EXPECT_EQ(testsupport::whatOf(refused).find(kLoopRunning), 0u);
+}
+
+TEST(AsioDriverTest, ASecondDriverOfTheClientOnTheSameContextIsRefused) {
+    TestNode node;
+    Client client(kAppId, node.listenerPort(), node.dispenserPort(), {});
+    asio::io_context context;
+    AsioDriver first(context, client, nullptr);
+
+    const std::exception_ptr thrown =
+        testsupport::thrownBy([&] { AsioDriver second(context, client, nullptr); });
+
+    ASSERT_TRUE(thrown);
+    EXPECT_TRUE(testsupport::isA<asio::system_error>(thrown));
+    std::atomic<int> acknowledged{0};
+    client.send(messageFor(), [&acknowledged] { ++acknowledged; });
+    auto answering = acknowledgeMessages(node, 1);
+    EXPECT_TRUE(runUntil(context, [&acknowledged] { return acknowledged.load() == 1; }));
+    EXPECT_EQ(answering.get(), 1);
 }
 
 // Detaching and destroying
