@@ -52,6 +52,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME liborvikm-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "liborvikm0 (= ${full_version}), libzmq3-dev, uuid-dev")
+# <orvikm/asio.hpp> alone needs Asio, and only an application that includes it.
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "libasio-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
     "Client library for the Orvik Node - development files
 The headers of orvikm, orviku and wxblt, the CMake package

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, testing, the API reference and
 # the Debian packages need, when they are missing (CLI11 and nlohmann/json are
-# for the orvik command-line tool). Extra package names may be given as
-# arguments. Runs apt-get only as root; otherwise it names what is missing.
+# for the orvik command-line tool, Asio and libuv for the event-loop driver's
+# tests and examples). Extra package names may be given as arguments. Runs
+# apt-get only as root; otherwise it names what is missing.
 set -euo pipefail
 
 packages=(
@@ -15,6 +16,7 @@ packages=(
     dpkg-dev file
     libcli11-dev nlohmann-json3-dev
     python3-dev pybind11-dev python3-pytest python3-pytest-asyncio
+    libasio-dev libuv1-dev
     "$@"
 )
 
