@@ -1,6 +1,7 @@
-// orvik send: queues messages with send(), a bounded number at a time, and
-// lends the main thread to the client with flush() until those are written
-// and acknowledged, then queues the next ones.
+// orvik send: a sending thread queues messages with send(), waiting for room
+// in the client's bounded queue, while the main thread lends itself to the
+// client (blockThreadForIO, then flush() for the rest) until every message is
+// written and acknowledged.
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -36,13 +38,19 @@ constexpr std::chrono::milliseconds kInputPoll(20);
 constexpr std::size_t kMaxPayload = std::size_t{64} << 20;
 const char* const kMaxPayloadText = "64 MiB";
 // At most this many messages, and about this many payload bytes, are queued
-// at a time: memory stays bounded whatever the count. A chunk of 8192 keeps
-// `send -n` as fast as queueing everything at once (the pause at the end of
-// each chunk, for the last acknowledgements, is a round trip).
-constexpr std::size_t kChunkMessages = 8192;
-constexpr std::size_t kChunkBytes = std::size_t{16} << 20;
+// (Client::Options::maxQueued, maxQueuedBytes), and at most this many await
+// their acknowledgement: memory stays bounded whatever the count. The sending
+// thread waits for room while the main thread writes.
+constexpr std::size_t kQueuedMessages = 8192;
+constexpr std::size_t kQueuedBytes = std::size_t{16} << 20;
+constexpr std::size_t kAwaitingMessages = 16384;
+// How long one send waits for room before the sending thread looks at the
+// stop flag again: Ctrl-C is seen well within a second.
+constexpr std::chrono::milliseconds kRoomWait(50);
+constexpr std::chrono::milliseconds kLoopTimeout(20);
+const std::string kQueueFull = "The outgoing queue is full";
 // A flush writes this many messages a pass, then reads and looks at
-// terminate(), so that Ctrl-C is seen while a chunk is written.
+// terminate(), so that Ctrl-C is seen while what is queued is written.
 constexpr std::size_t kWriteBatch = 1024;
 
 const std::map<std::string, orvikm::Message::AckMode> kAckModes{
@@ -145,6 +153,10 @@ public:
         const bool acknowledged = ackMode != orvikm::Message::AckMode::Unacknowledged;
         orvikm::Client::Options options;
         options.maxWriteBatch = kWriteBatch;
+        options.maxQueued = kQueuedMessages;
+        // One message larger than the usual bound still goes, alone.
+        options.maxQueuedBytes = std::max(kQueuedBytes, body.size());
+        options.queueFullWait = kRoomWait;
         std::unique_ptr<orvikm::Client> client = makeClient(common, {}, options);
 
         // A message the node never acknowledges within its validity is
@@ -156,23 +168,60 @@ public:
             }
         });
 
-        const std::uint64_t chunk = std::clamp<std::size_t>(
-            kChunkBytes / std::max<std::size_t>(body.size(), 1), 1, kChunkMessages);
         std::atomic<std::uint64_t> acks{0};
+        std::atomic<std::uint64_t>* const counted = acknowledged ? &acks : nullptr;
         std::string error;
         {
             const LoopStopper stopper(*client, deadline);
-            std::uint64_t queued = 0;
-            bool flushed = true;
-            while (queued < _count && flushed && error.empty() && unacknowledged.empty()) {
-                const std::uint64_t end = queued + std::min<std::uint64_t>(chunk, _count - queued);
-                for (; queued < end && stopper.reason() == LoopStopper::Reason::None; ++queued) {
-                    queue(*client, body, ackMode, acknowledged ? &acks : nullptr, common.verbose);
+            // The first message is queued here: a refusal of it (a route or a
+            // type too long) is a mistake on the command line, and every
+            // other message is a copy of it.
+            queue(*client, body, ackMode, counted, common.verbose);
+            std::atomic<bool> giveUp{false};
+            std::atomic<bool> produced{false};
+            std::atomic<bool> looping{true};
+            std::string producerError;
+            std::thread producer([&] {
+                try {
+                    for (std::uint64_t i = 1; i < _count && !giveUp.load(); ++i) {
+                        while (!giveUp.load() &&
+                               (client->stats().awaitingAck >= kAwaitingMessages ||
+                                !queue(*client, body, ackMode, counted, common.verbose))) {
+                            if (client->stats().awaitingAck >= kAwaitingMessages) {
+                                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                            }
+                        }
+                    }
+                } catch (const std::exception& failure) {
+                    producerError = unexpectedError(failure);
                 }
-                if (stopper.reason() != LoopStopper::Reason::None) {
-                    break;
+                produced.store(true);
+                // A terminate() between two loops is forgotten by the next
+                // one: repeated until this thread's loop has ended.
+                while (looping.load()) {
+                    client->terminate();
+                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
                 }
-                flushed = flush(*client, deadline, error);
+            });
+            while (!produced.load() && error.empty() &&
+                   stopper.reason() == LoopStopper::Reason::None) {
+                try {
+                    client->blockThreadForIO(
+                        [&](orviku::Exception& failure) { error = oneLine(failure); },
+                        kLoopTimeout);
+                } catch (const std::exception& failure) {
+                    error = unexpectedError(failure);
+                }
+            }
+            giveUp.store(true);
+            looping.store(false);
+            producer.join();
+            if (error.empty()) {
+                error = producerError;
+            }
+            // What is still queued or awaits its acknowledgement.
+            if (error.empty() && stopper.reason() == LoopStopper::Reason::None) {
+                flush(*client, deadline, error);
             }
             if (error.empty()) {
                 error = stopper.describe();
@@ -282,7 +331,8 @@ private:
 
     // Builds the message itself rather than letting send() build it, so that
     // its id is known before it is queued.
-    void queue(orvikm::Client& client, const std::string& body, orvikm::Message::AckMode ackMode,
+    // Queues one message; false when the queue stayed full for kRoomWait.
+    bool queue(orvikm::Client& client, const std::string& body, orvikm::Message::AckMode ackMode,
                std::atomic<std::uint64_t>* acks, bool verbose) const {
         orvikm::Payload payload(static_cast<unsigned>(body.size()), _type);
         body.copy(payload.getBuffer(), body.size());
@@ -304,6 +354,9 @@ private:
         try {
             client.send(std::move(message), std::move(onAck));
         } catch (const orvikm::Exception& refused) {
+            if (std::string(refused.what()).rfind(kQueueFull, 0) == 0) {
+                return false;
+            }
             // What the node would refuse (a route or a type too long) is a
             // mistake on the command line.
             throw CLI::ValidationError(oneLine(refused));
@@ -311,6 +364,7 @@ private:
         if (verbose) {
             std::cerr << "orvik send: queued " << id << std::endl;
         }
+        return true;
     }
 
     CLI::Option* _dataOption = nullptr;
