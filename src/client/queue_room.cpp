@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "intervals.hpp"
+
 namespace orvikm::detail {
 
 namespace {
@@ -34,8 +36,7 @@ QueueRoom::Full QueueRoom::take(std::size_t bytes, std::chrono::milliseconds wai
     // No wait would ever make room for a message larger than the bound.
     if (full != Full::No && wait.count() > 0 && (_max_bytes == 0 || bytes <= _max_bytes)) {
         const std::uint64_t terminationsBefore = terminations.load();
-        const Steady::time_point end =
-            Steady::now() + std::min(wait, std::chrono::milliseconds(std::chrono::hours(24 * 365)));
+        const Steady::time_point end = steadyAfter(Steady::now(), wait);
         ++_waiting;
         while (full != Full::No && terminations.load() == terminationsBefore) {
             const Steady::time_point now = Steady::now();

@@ -56,14 +56,14 @@ void Wakeup::drain() noexcept {
     _signalled.exchange(false, std::memory_order_acq_rel);
 }
 
-void Wakeup::addToPoll(int socket) {
+void Wakeup::addToPoll(int descriptor) {
     if (_epoll < 0) {
         return;
     }
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.fd = socket;
-    if (::epoll_ctl(_epoll, EPOLL_CTL_ADD, socket, &event) != 0) {
+    event.data.fd = descriptor;
+    if (::epoll_ctl(_epoll, EPOLL_CTL_ADD, descriptor, &event) != 0) {
         throwSystemError("Could not watch a socket of the client in its event handle (epoll_ctl)");
     }
 }
@@ -76,23 +76,17 @@ int Wakeup::pollDescriptor(const int* sockets, int count) {
     if (epoll < 0) {
         throwSystemError("Could not create the client's event handle (epoll)");
     }
-    const auto add = [epoll](int descriptor) {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.fd = descriptor;
-        return ::epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
-    };
-    bool added = add(_event);
-    for (int i = 0; added && i < count; ++i) {
-        added = add(sockets[i]);
-    }
-    if (!added) {
-        const int error = errno;
-        ::close(epoll);
-        errno = error;
-        throwSystemError("Could not watch the client's sockets in its event handle (epoll_ctl)");
-    }
     _epoll = epoll;
+    try {
+        addToPoll(_event);
+        for (int i = 0; i < count; ++i) {
+            addToPoll(sockets[i]);
+        }
+    } catch (...) {
+        ::close(_epoll);
+        _epoll = -1;
+        throw;
+    }
     return _epoll;
 }
 

@@ -51,9 +51,8 @@ public:
     // The epoll descriptor over the eventfd and `sockets` (ZeroMQ's
     // descriptors), made at the first call; later calls return it as it is.
     int pollDescriptor(const int* sockets, int count);
-    // Adds one more socket's descriptor to the epoll descriptor, if there is
-    // one yet.
-    void addToPoll(int socket);
+    // Adds one more descriptor to the epoll descriptor, if there is one yet.
+    void addToPoll(int descriptor);
 
 private:
     int _event;

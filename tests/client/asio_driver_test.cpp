@@ -91,18 +91,7 @@ Steady::duration timeToRunOutOfWork(asio::io_context& context) {
 // Acknowledges the first `count` messages the client writes, on a thread of
 // its own; the future holds how many it acknowledged.
 std::future<int> acknowledgeMessages(TestNode& node, int count) {
-    return std::async(std::launch::async, [&node, count] {
-        int acknowledged = 0;
-        while (acknowledged < count) {
-            const auto written = node.receiveCommand(kMessageCommand);
-            if (!written) {
-                break;
-            }
-            node.sendTo(kDispenserIdentity, testsupport::ackFrames(written->headers.at("id")));
-            ++acknowledged;
-        }
-        return acknowledged;
-    });
+    return testsupport::acknowledgeMessages(node, kDispenserIdentity, count);
 }
 
 bool readable(int handle) {

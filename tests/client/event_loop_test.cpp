@@ -203,15 +203,7 @@ TEST(ClientEventLoopTest, TenThousandMessagesFromAWorkerThreadAreAllAcknowledged
     std::atomic<int> acknowledged{0};
     const int handle = client.eventHandle();
     ASSERT_GE(handle, 0);
-    auto answering = std::async(std::launch::async, [&node] {
-        for (int i = 0; i < kMessages; ++i) {
-            const auto written = node.receiveCommand(kMessageCommand);
-            if (!written) {
-                return;
-            }
-            node.sendTo(kDispenserIdentity, testsupport::ackFrames(written->headers.at("id")));
-        }
-    });
+    auto answering = testsupport::acknowledgeMessages(node, kDispenserIdentity, kMessages);
     std::thread worker([&client, &acknowledged] {
         for (int i = 0; i < kMessages; ++i) {
             client.send(messageFor(), [&acknowledged] { ++acknowledged; });

@@ -87,18 +87,10 @@ std::vector<std::string> published(const std::string& id) {
     return frames;
 }
 
-// The node acknowledges every message it reads, on a thread of its own, until
-// `count` have been read or the wait for one runs out.
-std::future<void> acknowledgeEach(TestNode& node, int count) {
-    return std::async(std::launch::async, [&node, count] {
-        for (int i = 0; i < count; ++i) {
-            const auto written = node.receiveCommand(kMessageCommand);
-            if (!written) {
-                return;
-            }
-            node.sendTo(kDispenserIdentity, testsupport::ackFrames(written->headers.at("id")));
-        }
-    });
+// The node acknowledges the first `count` messages it reads, on a thread of
+// its own.
+std::future<int> acknowledgeEach(TestNode& node, int count) {
+    return testsupport::acknowledgeMessages(node, kDispenserIdentity, count);
 }
 
 // A flush of one message by a client whose node is not there: how long it

@@ -170,4 +170,19 @@ bool TestNode::waitForDispenserPeer(std::chrono::milliseconds timeout) {
     return ready > 0;
 }
 
+std::future<int> acknowledgeMessages(TestNode& node, const std::string& identity, int count) {
+    return std::async(std::launch::async, [&node, identity, count] {
+        int acknowledged = 0;
+        while (acknowledged < count) {
+            const auto written = node.receiveCommand("MSG");
+            if (!written) {
+                break;
+            }
+            node.sendTo(identity, ackFrames(written->headers.at("id")));
+            ++acknowledged;
+        }
+        return acknowledged;
+    });
+}
+
 }  // namespace testsupport

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <future>
 #include <list>
 #include <map>
 #include <optional>
@@ -76,5 +77,11 @@ private:
     int _listener_port;
     int _dispenser_port;
 };
+
+// Acknowledges the first `count` messages ("MSG") the clients write, on a
+// thread of its own, each to the client socket with identity `identity`; the
+// future holds how many it acknowledged (fewer when the wait for one ran out).
+// The node must outlive the future.
+std::future<int> acknowledgeMessages(TestNode& node, const std::string& identity, int count);
 
 }  // namespace testsupport

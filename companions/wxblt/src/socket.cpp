@@ -34,6 +34,15 @@ void setIntOption(void* handle, int option, int value) {
     setOption(handle, option, &value, sizeof value);
 }
 
+int intOption(void* handle, int option) {
+    int value = 0;
+    size_t size = sizeof value;
+    if (zmq_getsockopt(handle, option, &value, &size) != 0) {
+        detail::throwLastError();
+    }
+    return value;
+}
+
 }  // namespace
 
 Socket::Socket(SocketType type)
@@ -121,12 +130,7 @@ void Socket::stopMonitor() noexcept {
 
 bool Socket::canSend() const {
     detail::throwIfShutDown();
-    int events = 0;
-    size_t size = sizeof events;
-    if (zmq_getsockopt(_handle, ZMQ_EVENTS, &events, &size) != 0) {
-        detail::throwLastError();
-    }
-    return (events & ZMQ_POLLOUT) != 0;
+    return (intOption(_handle, ZMQ_EVENTS) & ZMQ_POLLOUT) != 0;
 }
 
 void Socket::bind(const std::string& endpoint) {
@@ -200,12 +204,7 @@ bool Socket::checkMore() const {
     if (_has_ahead) {
         return false;
     }
-    int more = 0;
-    size_t size = sizeof more;
-    if (zmq_getsockopt(_handle, ZMQ_RCVMORE, &more, &size) != 0) {
-        detail::throwLastError();
-    }
-    return more != 0;
+    return intOption(_handle, ZMQ_RCVMORE) != 0;
 }
 
 void Socket::flushMessage() {
@@ -250,22 +249,12 @@ bool Socket::hasInput() const {
     if (_has_ahead) {
         return true;
     }
-    int events = 0;
-    size_t size = sizeof events;
-    if (zmq_getsockopt(_handle, ZMQ_EVENTS, &events, &size) != 0) {
-        detail::throwLastError();
-    }
-    return (events & ZMQ_POLLIN) != 0;
+    return (intOption(_handle, ZMQ_EVENTS) & ZMQ_POLLIN) != 0;
 }
 
 int Socket::descriptor() const {
     detail::throwIfShutDown();
-    int descriptor = -1;
-    size_t size = sizeof descriptor;
-    if (zmq_getsockopt(_handle, ZMQ_FD, &descriptor, &size) != 0) {
-        detail::throwLastError();
-    }
-    return descriptor;
+    return intOption(_handle, ZMQ_FD);
 }
 
 void Socket::setReadAhead(bool enabled) noexcept {
